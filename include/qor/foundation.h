@@ -1,0 +1,220 @@
+/* libqor foundation: status codes, error recording, exceptions, message
+ * output and callbacks, fatal errors, basic space.
+ *
+ * The library holds no message texts. Every message is a (set, number, type,
+ * parameters) quadruple handed to the callbacks registered here; with none
+ * registered, an untranslated form goes to standard error.
+ */
+#ifndef QOR_FOUNDATION_H
+#define QOR_FOUNDATION_H
+
+#include <setjmp.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define QOR_API __attribute__((visibility("default")))
+#define QOR_NORETURN __attribute__((noreturn))
+#define QOR_SENTINEL __attribute__((sentinel))
+#else
+#define QOR_API
+#define QOR_NORETURN
+#define QOR_SENTINEL
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Status codes -------------------------------------------------------
+ * 0 is success. An error code is 2000 plus the number of the message of set
+ * "qor" that describes it. Context codes (2101..2132) name the operation that
+ * failed; they are passed to the recording functions, never returned. */
+enum {
+    QOR_OK = 0,
+    QOR_E_INTERNAL = 2001,      /* internal error (fatal) */
+    QOR_E_NO_MEMORY = 2011,     /* memory exhausted (fatal) */
+    QOR_E_TRACE_SPEC = 2040,    /* locate trace specification rejected */
+    QOR_E_UNTRANSLATABLE = 2051,/* qor path does not translate; no message */
+    QOR_E_MISSING = 2052,       /* does not exist */
+    QOR_E_EXISTS = 2053,        /* already exists */
+    QOR_E_TARGET_EXISTS = 2054, /* target of a copy or move exists */
+    QOR_E_PERMISSION = 2055,    /* permission denied */
+    QOR_E_IO = 2056,            /* I/O error or busy */
+    QOR_E_WRONG_KIND = 2057,    /* wrong kind of thing */
+    QOR_E_RESOURCE = 2058,      /* a resource is exhausted */
+    QOR_E_BAD_DESCRIPTOR = 2059,/* bad file descriptor */
+    QOR_E_LOCKED = 2060,        /* record lock held elsewhere; no message */
+    QOR_E_NOT_LOCKED = 2061,    /* not locked as required; no message */
+    QOR_E_END = 2062,           /* end of a listing; no message */
+    QOR_E_INTERRUPTED = 2063,   /* interrupted (EINTR) */
+    QOR_E_DEADLOCK = 2064,      /* deadlock */
+    QOR_E_NOT_EMPTY = 2065,     /* directory not empty */
+    QOR_E_SIGNALLED = 2066,     /* a program ended through a signal */
+    QOR_E_PRINT = 2068,         /* printing failed */
+    QOR_E_INVALID = 2070,       /* invalid argument */
+    QOR_E_SHELL = 2071,         /* the shell could not run a command */
+    QOR_E_NO_OWNER = 2072,      /* owner name of the process not found */
+    QOR_E_OTHER = 2073,         /* any other OS error */
+    QOR_MSG_UNAVAILABLE = 10009 /* the message system is not there */
+};
+
+/* Context codes: which operation failed. */
+enum {
+    QOR_CTX_CREATE_FILE = 2101,
+    QOR_CTX_CREATE_DIRECTORY = 2102,
+    QOR_CTX_DELETE_FILE = 2103,
+    QOR_CTX_REMOVE_DIRECTORY = 2104,
+    QOR_CTX_LOCK_OBJECT = 2105,
+    QOR_CTX_UNLOCK_OBJECT = 2106,
+    QOR_CTX_MOVE_OBJECT = 2107,
+    QOR_CTX_COPY_CONTENTS = 2108,
+    QOR_CTX_TEST_ACCESS = 2109,
+    QOR_CTX_SET_PERMISSIONS = 2110,
+    QOR_CTX_READ_OWNERSHIP = 2111,
+    QOR_CTX_SET_OWNERSHIP = 2112,
+    QOR_CTX_READ_SIZE = 2113,
+    QOR_CTX_READ_TIMES = 2114,
+    QOR_CTX_READ_IDENTITY = 2115,
+    QOR_CTX_OPEN = 2116,
+    QOR_CTX_CLOSE = 2117,
+    QOR_CTX_LOCK_CONTENTS = 2118,
+    QOR_CTX_UNLOCK_CONTENTS = 2119,
+    QOR_CTX_LINK_LISTING = 2120,
+    QOR_CTX_RUN_PROGRAM = 2121,
+    QOR_CTX_TRUNCATE = 2122,
+    QOR_CTX_READ_OPEN_SIZE = 2123,
+    QOR_CTX_READ = 2124,
+    QOR_CTX_WRITE = 2125,
+    QOR_CTX_FLUSH = 2126,
+    QOR_CTX_REDIRECT = 2127,
+    QOR_CTX_FIND_TYPE = 2128,
+    QOR_CTX_FIND_OWNER = 2129,
+    QOR_CTX_SET_ENVIRONMENT = 2130,
+    QOR_CTX_EXECUTE = 2131,
+    QOR_CTX_READ_LINK = 2132
+};
+
+/* Message types. */
+enum {
+    QOR_MSG_FATAL = 4,
+    QOR_MSG_INFORMATION = 7,
+    QOR_MSG_IDLE_WARNING = 67,
+    QOR_MSG_RECORDED = 71
+};
+
+/* Message parameters: at most this many ($0..$6) are ever used. */
+#define QOR_MAX_MESSAGE_PARAMETERS 7
+
+/* ---- Error recording and exceptions ----------------------------------- */
+
+/* Reports a failure the library detected itself; returns status unchanged. */
+QOR_API int QOR_record_qor_error(int status, const char *name, int context);
+/* Reports a failed OS call; returns the status its errno value maps to. */
+QOR_API int QOR_record_os_error(int os_error, const char *name, int context);
+/* Leaves through the armed handler (state 1), or ends the process with exit
+ * status 3 (states 0 and 2). Returns only for any other state. */
+QOR_API void QOR_raise_exception(int status);
+
+/* 0 no handler, 1 armed, 2 active; any other value makes raising return. */
+QOR_API extern uint32_t QOR_exception_handler_state;
+/* Saved by the application with setjmp; the library only jumps through it. */
+QOR_API extern jmp_buf QOR_fatal_handler;
+
+/* ---- Callbacks and messages -------------------------------------------- */
+
+/* The shape of an X Toolkit callback: (widget, client data, call data).
+ * The library always passes a null widget. */
+typedef void (*QOR_callback_proc)(void *widget, void *client_data,
+                                  void *call_data);
+
+typedef struct QOR_registered_callback {
+    QOR_callback_proc procedure;
+    void *client_data;
+} QOR_registered_callback;
+
+enum {
+    QOR_SLOT_OUTPUT_MESSAGE = 0,
+    QOR_SLOT_GIVE_MESSAGE_TEXT = 1,
+    QOR_SLOT_DISC_FULL_HANDLER = 2,
+    QOR_CALLBACK_SLOTS = 3
+};
+
+/* "QOR_OUTPUT_MESSAGE", "QOR_GIVE_MESSAGE_TEXT", "QOR_DISC_FULL_HANDLER". */
+QOR_API extern const char *const QOR_callback_names[QOR_CALLBACK_SLOTS];
+QOR_API extern QOR_registered_callback
+    QOR_registered_callbacks[QOR_CALLBACK_SLOTS];
+
+/* Call records. Each starts with reason and result; the callback answers by
+ * writing result. -1 from the output or give-text callback means the
+ * message system is unavailable. */
+typedef struct QOR_output_message_record {
+    const char *reason;
+    int32_t result;
+    const char *set;
+    int32_t number;
+    int32_t type;
+    char **parameters;
+} QOR_output_message_record;
+
+typedef struct QOR_give_message_text_record {
+    const char *reason;
+    int32_t result;
+    const char *set;
+    int32_t number;
+    char **parameters;
+    char *buffer;
+    int32_t buffer_size;
+} QOR_give_message_text_record;
+
+/* Its reason is the name of slot 1, "QOR_GIVE_MESSAGE_TEXT": applications
+ * written against the original behaviour test for it. */
+typedef struct QOR_disc_full_record {
+    const char *reason;
+    int32_t result;
+    int32_t os_error;
+    int32_t context;
+    const char *path;
+} QOR_disc_full_record;
+
+/* Registers (or, with a null procedure, unregisters) the callback called
+ * name. Returns 0, or 2070 for an unknown name. */
+QOR_API int QOR_set_callback(void *widget, const char *name,
+                             QOR_callback_proc procedure, void *client_data);
+QOR_API int QOR_output_message(const char *set, int number, int type,
+                               char **parameters);
+QOR_API int QOR_give_message_text(const char *set, int number,
+                                  char **parameters, char *buffer, int size);
+/* 0: retry the write; anything else: give up. -1 with no handler. */
+QOR_API int QOR_call_disc_full_handler(int os_error, const char *path,
+                                       int context);
+QOR_API void QOR_log_location(int line, const char *file);
+
+/* Fatal errors never return unless the handler state is outside 0..2.
+ * With number -1, set is the complete message text. */
+QOR_API void QOR_fatal_error(const char *set, int number, char **parameters,
+                             int exit_status);
+QOR_API void QOR_fatal_error_msg(const char *set, int number, int count,
+                                 int *parameter_numbers, int exit_status);
+/* Assertion failure: "File %s, Line %d: %s", raised with status 1. */
+QOR_API void QOR_fatal(const char *text, const char *file, int line);
+
+/* ---- Basic space --------------------------------------------------------
+ * Never returns null: bad sizes are assertion failures, exhaustion is the
+ * fatal error 2011 (message 11). Free with QOR_free, never with free(). */
+QOR_API void *QOR_malloc(int32_t size);
+QOR_API void *QOR_calloc(int32_t count, int32_t size);
+QOR_API void *QOR_realloc(void *block, int32_t size);
+/* Unlike free(), a null pointer is an assertion failure. */
+QOR_API void QOR_free(void *block);
+QOR_API void *QOR_clear_memory(void *block, uint32_t length);
+QOR_API char *QOR_copy_string(const char *text);
+QOR_API void *QOR_copy_memory(const void *block, uint32_t length);
+/* Joins the texts up to a null pointer. A null first text gives "". */
+QOR_API char *QOR_cat_strings(const char *first, ...) QOR_SENTINEL;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QOR_FOUNDATION_H */

@@ -1,0 +1,13 @@
+/* libqor: portability and storage services. Include this one header. */
+#ifndef QOR_QOR_H
+#define QOR_QOR_H
+
+#include "qor/foundation.h"
+#include "qor/memory.h"
+#include "qor/containers.h"
+#include "qor/paths.h"
+#include "qor/objects.h"
+#include "qor/files.h"
+#include "qor/process.h"
+
+#endif /* QOR_QOR_H */

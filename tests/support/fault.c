@@ -1,0 +1,285 @@
+/* Interposed libc calls for fault injection; see fault.h. */
+#define _GNU_SOURCE 1
+#include "fault.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+struct plan {
+    long calls;
+    long injected;
+    int skip;
+    int count; /* remaining failures; -1 endless; 0 disarmed */
+    int err;
+    long max_bytes; /* >= 0: short transfer instead of a failure */
+    char filter[256];
+};
+
+static struct plan plans[QF_COUNT];
+static const char *const names[QF_COUNT] = {
+#define QOR_FAULT_NAME(name) #name,
+    QOR_FAULT_FUNCTIONS(QOR_FAULT_NAME)
+#undef QOR_FAULT_NAME
+};
+static void *reals[QF_COUNT];
+
+/* dlsym may allocate while the allocator itself is being resolved: serve
+ * those few requests from a static area that is never freed. */
+static _Alignas(16) char bootstrap[8192];
+static size_t bootstrap_used;
+static int resolving;
+
+static void *bootstrap_alloc(size_t n) {
+    n = (n + 15) & ~(size_t)15;
+    if (bootstrap_used + n > sizeof bootstrap) return NULL;
+    void *p = bootstrap + bootstrap_used;
+    bootstrap_used += n;
+    return p;
+}
+static int in_bootstrap(const void *p) {
+    return (const char *)p >= bootstrap &&
+           (const char *)p < bootstrap + sizeof bootstrap;
+}
+
+static void *real(qor_fault_fn fn) {
+    if (reals[fn] == NULL) {
+        resolving++;
+        reals[fn] = dlsym(RTLD_NEXT, names[fn]);
+        resolving--;
+        if (reals[fn] == NULL) abort();
+    }
+    return reals[fn];
+}
+
+/* Decides the fate of one call: 0 pass through, 1 fail with errno, 2 short. */
+static int decide(qor_fault_fn fn, const char *path) {
+    struct plan *p = &plans[fn];
+    p->calls++;
+    if (p->count == 0) return 0;
+    if (p->filter[0] != '\0' && (path == NULL || strstr(path, p->filter) == NULL))
+        return 0;
+    if (p->skip > 0) {
+        p->skip--;
+        return 0;
+    }
+    if (p->count > 0) p->count--;
+    p->injected++;
+    return p->max_bytes >= 0 ? 2 : 1;
+}
+
+void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count) {
+    plans[fn].err = err;
+    plans[fn].skip = skip;
+    plans[fn].count = count;
+    plans[fn].max_bytes = -1;
+}
+void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count) {
+    plans[fn].skip = skip;
+    plans[fn].count = count;
+    plans[fn].max_bytes = max_bytes;
+}
+void qor_fault_filter_path(qor_fault_fn fn, const char *text) {
+    plans[fn].filter[0] = '\0';
+    if (text != NULL) {
+        strncpy(plans[fn].filter, text, sizeof plans[fn].filter - 1);
+        plans[fn].filter[sizeof plans[fn].filter - 1] = '\0';
+    }
+}
+void qor_fault_reset(void) {
+    for (int i = 0; i < QF_COUNT; i++) {
+        plans[i].calls = plans[i].injected = 0;
+        plans[i].skip = plans[i].count = plans[i].err = 0;
+        plans[i].max_bytes = -1;
+        plans[i].filter[0] = '\0';
+    }
+}
+long qor_fault_calls(qor_fault_fn fn) { return plans[fn].calls; }
+long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
+
+#define FAIL_WITH(fn, value)          \
+    do {                              \
+        errno = plans[QF_##fn].err;   \
+        return value;                 \
+    } while (0)
+
+#define PATH_CALL(fn, ret, params, args, path)                  \
+    ret fn params {                                             \
+        typedef ret (*real_t) params;                           \
+        if (decide(QF_##fn, path) == 1) FAIL_WITH(fn, (ret)-1); \
+        return ((real_t)real(QF_##fn)) args;                    \
+    }
+#define FD_CALL(fn, ret, params, args) PATH_CALL(fn, ret, params, args, NULL)
+
+static mode_t mode_arg(int flags, va_list ap) {
+    return (flags & (O_CREAT | O_TMPFILE)) ? (mode_t)va_arg(ap, int) : 0;
+}
+
+int open(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
+    if (decide(QF_open, path) == 1) FAIL_WITH(open, -1);
+    return ((int (*)(const char *, int, ...))real(QF_open))(path, flags, mode);
+}
+int open64(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
+    if (decide(QF_open64, path) == 1) FAIL_WITH(open64, -1);
+    return ((int (*)(const char *, int, ...))real(QF_open64))(path, flags, mode);
+}
+int openat(int dirfd, const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
+    if (decide(QF_openat, path) == 1) FAIL_WITH(openat, -1);
+    return ((int (*)(int, const char *, int, ...))real(QF_openat))(dirfd, path,
+                                                                  flags, mode);
+}
+
+FD_CALL(close, int, (int fd), (fd))
+FD_CALL(lseek, off_t, (int fd, off_t off, int whence), (fd, off, whence))
+FD_CALL(fsync, int, (int fd), (fd))
+FD_CALL(ftruncate, int, (int fd, off_t len), (fd, len))
+FD_CALL(dup, int, (int fd), (fd))
+FD_CALL(dup2, int, (int fd, int fd2), (fd, fd2))
+FD_CALL(fstat, int, (int fd, struct stat *st), (fd, st))
+FD_CALL(fchmod, int, (int fd, mode_t mode), (fd, mode))
+FD_CALL(getgroups, int, (int size, gid_t list[]), (size, list))
+PATH_CALL(stat, int, (const char *p, struct stat *st), (p, st), p)
+PATH_CALL(lstat, int, (const char *p, struct stat *st), (p, st), p)
+PATH_CALL(access, int, (const char *p, int mode), (p, mode), p)
+PATH_CALL(chmod, int, (const char *p, mode_t mode), (p, mode), p)
+PATH_CALL(chown, int, (const char *p, uid_t u, gid_t g), (p, u, g), p)
+PATH_CALL(mkdir, int, (const char *p, mode_t mode), (p, mode), p)
+PATH_CALL(rmdir, int, (const char *p), (p), p)
+PATH_CALL(unlink, int, (const char *p), (p), p)
+PATH_CALL(remove, int, (const char *p), (p), p)
+PATH_CALL(rename, int, (const char *a, const char *b), (a, b), a)
+PATH_CALL(readlink, ssize_t, (const char *p, char *buf, size_t n), (p, buf, n), p)
+PATH_CALL(symlink, int, (const char *a, const char *b), (a, b), b)
+PATH_CALL(link, int, (const char *a, const char *b), (a, b), b)
+PATH_CALL(utime, int, (const char *p, const struct utimbuf *t), (p, t), p)
+
+#define TRANSFER_CALL(fn, params, args, lenvar)                          \
+    ssize_t fn params {                                                  \
+        typedef ssize_t(*real_t) params;                                 \
+        switch (decide(QF_##fn, NULL)) {                                 \
+            case 1: FAIL_WITH(fn, -1);                                   \
+            case 2:                                                      \
+                if (plans[QF_##fn].max_bytes == 0) return 0;             \
+                if ((size_t)plans[QF_##fn].max_bytes < lenvar)           \
+                    lenvar = (size_t)plans[QF_##fn].max_bytes;           \
+                break;                                                   \
+            default: break;                                              \
+        }                                                                \
+        return ((real_t)real(QF_##fn)) args;                             \
+    }
+TRANSFER_CALL(read, (int fd, void *buf, size_t n), (fd, buf, n), n)
+TRANSFER_CALL(write, (int fd, const void *buf, size_t n), (fd, buf, n), n)
+TRANSFER_CALL(pread, (int fd, void *buf, size_t n, off_t off), (fd, buf, n, off), n)
+TRANSFER_CALL(pwrite, (int fd, const void *buf, size_t n, off_t off), (fd, buf, n, off), n)
+
+int fcntl(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    if (decide(QF_fcntl, NULL) == 1) FAIL_WITH(fcntl, -1);
+    return ((int (*)(int, int, ...))real(QF_fcntl))(fd, cmd, arg);
+}
+
+DIR *opendir(const char *p) {
+    if (decide(QF_opendir, p) == 1) FAIL_WITH(opendir, NULL);
+    return ((DIR * (*)(const char *)) real(QF_opendir))(p);
+}
+struct dirent *readdir(DIR *d) {
+    if (decide(QF_readdir, NULL) == 1) FAIL_WITH(readdir, NULL);
+    return ((struct dirent * (*)(DIR *)) real(QF_readdir))(d);
+}
+FD_CALL(closedir, int, (DIR * d), (d))
+char *getcwd(char *buf, size_t n) {
+    if (decide(QF_getcwd, NULL) == 1) FAIL_WITH(getcwd, NULL);
+    return ((char *(*)(char *, size_t))real(QF_getcwd))(buf, n);
+}
+FILE *fdopen(int fd, const char *mode) {
+    if (decide(QF_fdopen, NULL) == 1) FAIL_WITH(fdopen, NULL);
+    return ((FILE * (*)(int, const char *)) real(QF_fdopen))(fd, mode);
+}
+FD_CALL(fclose, int, (FILE * f), (f))
+int fflush(FILE *f) {
+    if (decide(QF_fflush, NULL) == 1) FAIL_WITH(fflush, EOF);
+    return ((int (*)(FILE *))real(QF_fflush))(f);
+}
+char *fgets(char *s, int n, FILE *f) {
+    if (decide(QF_fgets, NULL) == 1) FAIL_WITH(fgets, NULL);
+    return ((char *(*)(char *, int, FILE *))real(QF_fgets))(s, n, f);
+}
+int fputs(const char *s, FILE *f) {
+    if (decide(QF_fputs, NULL) == 1) FAIL_WITH(fputs, EOF);
+    return ((int (*)(const char *, FILE *))real(QF_fputs))(s, f);
+}
+FD_CALL(fseek, int, (FILE * f, long off, int whence), (f, off, whence))
+struct passwd *getpwuid(uid_t uid) {
+    if (decide(QF_getpwuid, NULL) == 1) FAIL_WITH(getpwuid, NULL);
+    return ((struct passwd * (*)(uid_t)) real(QF_getpwuid))(uid);
+}
+struct group *getgrgid(gid_t gid) {
+    if (decide(QF_getgrgid, NULL) == 1) FAIL_WITH(getgrgid, NULL);
+    return ((struct group * (*)(gid_t)) real(QF_getgrgid))(gid);
+}
+PATH_CALL(system, int, (const char *cmd), (cmd), cmd)
+FD_CALL(waitpid, pid_t, (pid_t pid, int *st, int opt), (pid, st, opt))
+PATH_CALL(putenv, int, (char *s), (s), s)
+char *getenv(const char *name) {
+    if (decide(QF_getenv, name) == 1) FAIL_WITH(getenv, NULL);
+    return ((char *(*)(const char *))real(QF_getenv))(name);
+}
+
+/* The allocator: resolved lazily, with the bootstrap area for dlsym's own
+ * needs while that happens. */
+void *malloc(size_t n) {
+    if (resolving) return bootstrap_alloc(n);
+    if (decide(QF_malloc, NULL) == 1) FAIL_WITH(malloc, NULL);
+    return ((void *(*)(size_t))real(QF_malloc))(n);
+}
+void *calloc(size_t n, size_t size) {
+    if (resolving) return bootstrap_alloc(n * size); /* static: zeroed */
+    if (decide(QF_calloc, NULL) == 1) FAIL_WITH(calloc, NULL);
+    return ((void *(*)(size_t, size_t))real(QF_calloc))(n, size);
+}
+void *realloc(void *p, size_t n) {
+    if (decide(QF_realloc, NULL) == 1) FAIL_WITH(realloc, NULL);
+    return ((void *(*)(void *, size_t))real(QF_realloc))(p, n);
+}
+static void (*real_free)(void *);
+void free(void *p) {
+    if (p == NULL || in_bootstrap(p)) return;
+    if (real_free == NULL) {
+        resolving++;
+        real_free = (void (*)(void *))dlsym(RTLD_NEXT, "free");
+        resolving--;
+    }
+    real_free(p);
+}
+
+__attribute__((constructor)) static void fault_init(void) {
+    for (int i = 0; i < QF_COUNT; i++) plans[i].max_bytes = -1;
+}

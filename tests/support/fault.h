@@ -1,0 +1,50 @@
+/* Fault injection for the tests: the test programs define the libc calls the
+ * library makes, forward them to the real ones, and make chosen calls fail
+ * with a chosen errno (or transfer fewer bytes) when armed. The library is
+ * not changed in any way; its calls reach these definitions through the
+ * ordinary symbol lookup. Counters always run, armed or not. */
+#ifndef QOR_TEST_FAULT_H
+#define QOR_TEST_FAULT_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define QOR_FAULT_FUNCTIONS(X)                                           \
+    X(open) X(open64) X(openat) X(close) X(read) X(write) X(pread)       \
+    X(pwrite) X(lseek) X(fsync) X(ftruncate) X(fcntl) X(dup) X(dup2)     \
+    X(stat) X(fstat) X(lstat) X(access) X(chmod) X(fchmod) X(chown)      \
+    X(mkdir) X(rmdir) X(unlink) X(remove) X(rename) X(readlink)          \
+    X(symlink) X(link) X(opendir) X(readdir) X(closedir) X(getcwd)       \
+    X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
+    X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
+    X(waitpid) X(putenv) X(getenv) X(utime)
+
+typedef enum qor_fault_fn {
+#define QOR_FAULT_ENUM(name) QF_##name,
+    QOR_FAULT_FUNCTIONS(QOR_FAULT_ENUM)
+#undef QOR_FAULT_ENUM
+    QF_COUNT
+} qor_fault_fn;
+
+/* After `skip` calls pass through, the next `count` calls of fn fail with
+ * errno err (count -1: every call from then on). */
+void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count);
+/* read/write/pread/pwrite: after `skip` calls, the next `count` calls
+ * transfer at most max_bytes (0 means: transfer nothing, return 0). */
+void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
+/* Only calls whose path argument contains text are affected (and counted as
+ * matching); null removes the filter. */
+void qor_fault_filter_path(qor_fault_fn fn, const char *text);
+/* Disarms everything and zeroes the counters. */
+void qor_fault_reset(void);
+/* Calls of fn seen since the last reset (all of them, armed or not). */
+long qor_fault_calls(qor_fault_fn fn);
+/* Calls of fn that were made to fail or shortened since the last reset. */
+long qor_fault_injected(qor_fault_fn fn);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,231 @@
+#include "harness.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace qor_test {
+
+namespace {
+
+std::string slurp_fd(int fd) {
+    std::string s;
+    char buf[4096];
+    lseek(fd, 0, SEEK_SET);
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0) break;
+        s.append(buf, static_cast<size_t>(n));
+    }
+    return s;
+}
+
+int scratch_file() {
+    char name[] = "/tmp/qor-capture-XXXXXX";
+    int fd = mkstemp(name);
+    if (fd < 0) abort();
+    unlink(name);
+    return fd;
+}
+
+ChildResult run_child(const std::function<void()> &fn, bool drop) {
+    fflush(stdout);
+    fflush(stderr);
+    int out = scratch_file();
+    int err = scratch_file();
+    ChildResult r;
+    pid_t pid = fork();
+    if (pid < 0) abort();
+    if (pid == 0) {
+        dup2(out, 1);
+        dup2(err, 2);
+        close(out);
+        close(err);
+        if (drop) {
+            if (setgroups(0, nullptr) != 0 ||
+                setgid(unprivileged_gid()) != 0 ||
+                setuid(unprivileged_uid()) != 0) {
+                fprintf(stderr, "cannot drop privileges\n");
+                _exit(120);
+            }
+        }
+        fn();
+        exit(0);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+    }
+    if (WIFEXITED(status)) {
+        r.exited = true;
+        r.exit_status = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        r.signal = WTERMSIG(status);
+    }
+    r.out = slurp_fd(out);
+    r.err = slurp_fd(err);
+    close(out);
+    close(err);
+    return r;
+}
+
+// Message callbacks for MessageLog. The log is passed as client data.
+void output_cb(void *, void *client, void *call) {
+    auto *log = static_cast<MessageLog *>(client);
+    auto *rec = static_cast<QOR_output_message_record *>(call);
+    Message m;
+    m.set = rec->set ? rec->set : "";
+    m.number = rec->number;
+    m.type = rec->type;
+    m.null_parameters = rec->parameters == nullptr;
+    if (rec->parameters) {
+        for (int i = 0; i < 8 && rec->parameters[i]; ++i)
+            m.parameters.emplace_back(rec->parameters[i]);
+    }
+    log->messages.push_back(m);
+    rec->result = log->output_result;
+}
+
+void give_text_cb(void *, void *, void *call) {
+    auto *rec = static_cast<QOR_give_message_text_record *>(call);
+    std::string t = MessageLog::text_of(rec->number);
+    if (rec->parameters) {
+        for (int i = 0; i < 7 && rec->parameters[i]; ++i) {
+            t += " $" + std::to_string(i) + "=" + rec->parameters[i];
+        }
+    }
+    snprintf(rec->buffer, static_cast<size_t>(rec->buffer_size), "%s",
+             t.c_str());
+    rec->result = 0;
+}
+
+void disc_full_cb(void *, void *client, void *call) {
+    auto *h = static_cast<DiscFullHandler *>(client);
+    auto *rec = static_cast<QOR_disc_full_record *>(call);
+    h->calls.push_back({rec->reason ? rec->reason : "", rec->os_error,
+                        rec->context, rec->path ? rec->path : ""});
+    size_t i = h->calls.size() - 1;
+    rec->result = h->answers.empty()
+                      ? 1
+                      : h->answers[i < h->answers.size() ? i
+                                                         : h->answers.size() - 1];
+}
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+    ::remove(path);
+    return 0;
+}
+
+}  // namespace
+
+ChildResult run_in_child(const std::function<void()> &fn) {
+    return run_child(fn, false);
+}
+ChildResult run_as_unprivileged(const std::function<void()> &fn) {
+    return run_child(fn, true);
+}
+
+uid_t unprivileged_uid() {
+    struct passwd *pw = getpwnam("nobody");
+    return pw ? pw->pw_uid : 65534;
+}
+gid_t unprivileged_gid() {
+    struct group *gr = getgrnam("nogroup");
+    return gr ? gr->gr_gid : 65534;
+}
+
+StderrCapture::StderrCapture() {
+    fflush(stderr);
+    saved_ = dup(2);
+    file_ = scratch_file();
+    dup2(file_, 2);
+}
+StderrCapture::~StderrCapture() {
+    if (saved_ >= 0) take();
+}
+std::string StderrCapture::take() {
+    fflush(stderr);
+    dup2(saved_, 2);
+    close(saved_);
+    saved_ = -1;
+    std::string s = slurp_fd(file_);
+    close(file_);
+    file_ = -1;
+    return s;
+}
+
+Message msg(const char *set, int number, int type,
+            std::vector<std::string> parameters) {
+    Message m;
+    m.set = set;
+    m.number = number;
+    m.type = type;
+    m.parameters = std::move(parameters);
+    return m;
+}
+
+MessageLog::MessageLog(int result) : output_result(result) {
+    QOR_set_callback(nullptr, "QOR_OUTPUT_MESSAGE", output_cb, this);
+    QOR_set_callback(nullptr, "QOR_GIVE_MESSAGE_TEXT", give_text_cb, nullptr);
+}
+MessageLog::~MessageLog() {
+    QOR_set_callback(nullptr, "QOR_OUTPUT_MESSAGE", nullptr, nullptr);
+    QOR_set_callback(nullptr, "QOR_GIVE_MESSAGE_TEXT", nullptr, nullptr);
+}
+std::string MessageLog::text_of(int number) {
+    return "<text of " + std::to_string(number) + ">";
+}
+
+DiscFullHandler::DiscFullHandler(std::vector<int> a) : answers(std::move(a)) {
+    QOR_set_callback(nullptr, "QOR_DISC_FULL_HANDLER", disc_full_cb, this);
+}
+DiscFullHandler::~DiscFullHandler() {
+    QOR_set_callback(nullptr, "QOR_DISC_FULL_HANDLER", nullptr, nullptr);
+}
+
+TempDir::TempDir() {
+    char name[] = "/tmp/qor-test-XXXXXX";
+    if (mkdtemp(name) == nullptr) abort();
+    chmod(name, 0755);
+    path_ = name;
+}
+TempDir::~TempDir() {
+    nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream f(path, std::ios::binary);
+    f << content;
+}
+std::string read_file(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+bool exists(const std::string &path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+int open_descriptor_count() {
+    int n = 0;
+    DIR *d = opendir("/proc/self/fd");
+    if (d == nullptr) return -1;
+    while (readdir(d) != nullptr) ++n;
+    closedir(d);
+    return n - 3;  // ".", ".." and the listing's own descriptor
+}
+
+}  // namespace qor_test

@@ -1,0 +1,11 @@
+// qor commands and tour step for the process subsystem.
+
+#include "commands.h"
+
+namespace qor_tool {
+
+const Command process_commands[] = {{nullptr, nullptr, nullptr, nullptr}};
+
+int tour_process() { return 0; }
+
+}  // namespace qor_tool
