@@ -41,7 +41,10 @@ static void *reals[QF_COUNT];
  * those few requests from a static area that is never freed. */
 static _Alignas(16) char bootstrap[8192];
 static size_t bootstrap_used;
-static int resolving;
+/* volatile: glibc declares dlsym a leaf function, which lets the compiler
+ * drop the increments around it, yet dlsym does call back into malloc and
+ * free here. */
+static volatile int resolving;
 
 static void *bootstrap_alloc(size_t n) {
     n = (n + 15) & ~(size_t)15;
@@ -273,6 +276,10 @@ static void (*real_free)(void *);
 void free(void *p) {
     if (p == NULL || in_bootstrap(p)) return;
     if (real_free == NULL) {
+        /* dlsym frees its own scratch while free itself is being resolved
+         * (the sanitizer runtime resolves symbols that way at start-up):
+         * leave those few blocks alone rather than recurse. */
+        if (resolving) return;
         resolving++;
         real_free = (void (*)(void *))dlsym(RTLD_NEXT, "free");
         resolving--;
