@@ -9,7 +9,16 @@
 extern "C" {
 #endif
 
-/* ---- Freestore ---------------------------------------------------------- */
+/* ---- Freestore ----------------------------------------------------------
+ * An arena: pieces of any size are bumped out of a chain of chunks and given
+ * back all at once (QOR_FS_empty) or down to a mark (QOR_FS_save and
+ * QOR_FS_restore, in reverse order of the saves). Standard chunks are kept
+ * for reuse; a piece larger than chunk_size gets an oversized chunk of its
+ * own, freed as soon as it is rolled back.
+ *
+ * Pieces are rounded up to a multiple of 4 bytes and keep only 4-byte
+ * alignment, even when they hold pointers or 64-bit values: read and write
+ * such fields with memcpy. */
 
 /* Header of a chunk; its data follows (16 bytes on this host). */
 typedef struct QOR_FS_chunk {
