@@ -9,6 +9,7 @@
 // from the start on every call: this is a tool for debugging builds only.
 
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -47,6 +48,21 @@ struct log_record {
     int32_t free_line;
     uint64_t free_sequence;  // which successful free this was, from 0
 };
+
+// The fields in the order the log has always kept them.
+static_assert(offsetof(log_record, in_use) == 0);
+static_assert(offsetof(log_record, address) > offsetof(log_record, in_use));
+static_assert(offsetof(log_record, count) > offsetof(log_record, address));
+static_assert(offsetof(log_record, unit_size) > offsetof(log_record, count));
+static_assert(offsetof(log_record, allocation_file) >
+              offsetof(log_record, unit_size));
+static_assert(offsetof(log_record, allocation_line) >
+              offsetof(log_record, allocation_file));
+static_assert(offsetof(log_record, free_file) >
+              offsetof(log_record, allocation_line));
+static_assert(offsetof(log_record, free_line) > offsetof(log_record, free_file));
+static_assert(offsetof(log_record, free_sequence) >
+              offsetof(log_record, free_line));
 
 constinit log_record *freestore_log = nullptr;
 constinit uint32_t log_records = 0;

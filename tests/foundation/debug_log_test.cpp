@@ -100,6 +100,19 @@ TEST(FreestoreLog, ThirtyOneCharacterNamesAreKeptWhole) {
                           kDumpEnd);
 }
 
+TEST(FreestoreLog, NullFileNameIsShownAsNull) {
+    auto *block = static_cast<unsigned char *>(QOR_malloc_debug(4, nullptr, 1));
+    EXPECT_EQ(dump(), kDumpHeader + allocated_line(block, 1, 4, 1, "(null)") +
+                          kDumpEnd);
+    block[4] = 0;
+    EXPECT_EQ(stderr_of([&] { QOR_free_debug(block, nullptr, 2); }),
+              overrun_line(2, "(null)"));
+    EXPECT_EQ(stderr_of([&] { QOR_free_debug(block, nullptr, 3); }),
+              already_freed_line(3, "(null)") +
+                  last_use_line(1, "(null)", 2, "(null)"));
+    free(block);
+}
+
 TEST(FreestoreLog, OverrunReportNamesTheCallersFileInFull) {
     const std::string file(45, 'o');
     auto *block = static_cast<unsigned char *>(QOR_malloc_debug(2, "o.c", 1));
