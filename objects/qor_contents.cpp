@@ -191,16 +191,6 @@ int open_contents(const char *path, unsigned int type, uint32_t flags,
                          request, result);
 }
 
-// Runs fn between a save and a restore of the shared freestore.
-template <class F>
-int bracketed(F fn) {
-    QOR_FS_mark mark;
-    QOR_FS_save(shared(), &mark);
-    const int status = fn();
-    QOR_FS_restore(shared(), &mark);
-    return status;
-}
-
 // The two directions of an idle-block transfer.
 struct Direction {
     bool reading;
