@@ -308,6 +308,34 @@ TEST_F(ContentsRecord, TruncateRelockMayFindTheLockTaken) {
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
+TEST_F(ContentsRecord, InterruptedCallsOfSizeTruncateAndRedirectAreMadeAgain) {
+    QOR_contents_record *rec = open_f(0x04);
+    MessageLog log;
+    uint64_t size = 0;
+    qor_fault_reset();
+    qor_fault_fail(QF_fstat, EINTR, 0, 100);
+    EXPECT_EQ(QOR_read_open_contents_size(rec, &size), 0);
+    EXPECT_EQ(qor_fault_calls(QF_fstat), 101);
+    for (qor_fault_fn fn : {QF_open, QF_fcntl, QF_dup2}) {
+        qor_fault_reset();
+        qor_fault_fail(fn, EINTR, 0, 100);
+        EXPECT_EQ(QOR_truncate_contents(rec), 0) << fn;
+        EXPECT_GE(qor_fault_calls(fn), 101) << fn;
+    }
+    FILE *former = fopen(os("former").c_str(), "w");
+    for (qor_fault_fn fn : {QF_fflush, QF_fcntl, QF_dup2}) {
+        qor_fault_reset();
+        qor_fault_fail(fn, EINTR, 0, 100);
+        QOR_contents_record *r = open_f(0x02);
+        EXPECT_EQ(QOR_redirect_stream(r, former), 0) << fn;
+        EXPECT_GE(qor_fault_calls(fn), 101) << fn;
+        EXPECT_EQ(QOR_close_contents(r), 0);
+    }
+    fclose(former);
+    EXPECT_TRUE(log.messages.empty());
+    EXPECT_EQ(QOR_close_contents(rec), 0);
+}
+
 // ---- Closing ---------------------------------------------------------------
 
 TEST_F(ContentsRecord, ClosingWithAStreamClosesThroughIt) {
