@@ -13,6 +13,7 @@
 #include <inttypes.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,12 +103,33 @@ void release(QOR_contents_record *rec) {
     QOR_SA_release(&contents_pool, rec);
 }
 
-// QOR_open_file between the save and the restore of the shared freestore.
-int open_file(const char *path, int is_directory, int idle, uint32_t flags,
-              unsigned int request, QOR_contents_record **result) {
-    const char *os = is_directory != 0 ? QOR_SH_qor_to_os_dir(path)
-                                       : QOR_SH_qor_to_os(path, 0);
-    if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+// The last OS path known to read back as a qor path. For an absolute OS
+// path that conversion is a function of the text alone (no current
+// directory, no variable takes part), so a path that converted once
+// converts again: the check before every lock need not repeat the work.
+constinit char checked_path[QOR_PATH_MAX + 1] = {};
+constinit size_t checked_length = 0;
+
+// Whether the record's OS path converts back to a qor path, as opening
+// with a lock and locking demand. In a bracket of the shared freestore.
+bool reads_as_qor_path(const char *os_path) {
+    const size_t n = strlen(os_path);
+    if (n == checked_length && n > 0 &&
+        memcmp(os_path, checked_path, n) == 0) {
+        return true;
+    }
+    if (QOR_SH_os_to_qor(os_path) == nullptr) return false;
+    if (os_path[0] == '/' && n <= QOR_PATH_MAX) {
+        memcpy(checked_path, os_path, n);
+        checked_length = n;
+    }
+    return true;
+}
+
+// Opening once the OS path is known (steps 2 to 9 of QOR_open_file), in a
+// bracket of the shared freestore.
+int open_os(const char *os, int idle, uint32_t flags, unsigned int request,
+            QOR_contents_record **result) {
     if ((flags & QOR_OPEN_READ) && (flags & QOR_OPEN_TRUNCATE)) {
         return QOR_record_os_error(EINVAL, os, QOR_CTX_OPEN);
     }
@@ -128,9 +150,8 @@ int open_file(const char *path, int is_directory, int idle, uint32_t flags,
     rec->stream = nullptr;
 
     if (request != QOR_LOCK_NONE) {
-        int status = QOR_SH_os_to_qor(rec->path) != nullptr
-                         ? lock_record(rec, request)
-                         : QOR_E_UNTRANSLATABLE;
+        int status = reads_as_qor_path(rec->path) ? lock_record(rec, request)
+                                                  : QOR_E_UNTRANSLATABLE;
         if (status == 0 && (flags & QOR_OPEN_TRUNCATE)) {
             // The lock is held: empty the file by opening it again. Closing
             // the first descriptor drops the process's locks on the file,
@@ -154,6 +175,28 @@ int open_file(const char *path, int is_directory, int idle, uint32_t flags,
     }
     *result = rec;
     return 0;
+}
+
+// QOR_open_file between the save and the restore of the shared freestore.
+int open_file(const char *path, int is_directory, int idle, uint32_t flags,
+              unsigned int request, QOR_contents_record **result) {
+    const char *os = is_directory != 0 ? QOR_SH_qor_to_os_dir(path)
+                                       : QOR_SH_qor_to_os(path, 0);
+    if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+    return open_os(os, idle, flags, request, result);
+}
+
+// Opens a member file of an object. Its OS path is the translation of the
+// member's qor path (QOR_SH_body_path and its kin), derived from the
+// object's own translation without converting twice.
+int open_member(const char *path, const char *member, int idle,
+                uint32_t flags, unsigned int request,
+                QOR_contents_record **result) {
+    if (path == nullptr) return QOR_E_UNTRANSLATABLE;
+    ObjectPaths paths = object_paths(path);
+    const char *os = member_os(&paths, member);
+    if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+    return open_os(os, idle, flags, request, result);
 }
 
 // QOR_open_contents inside its bracket.
@@ -185,10 +228,8 @@ int open_contents(const char *path, unsigned int type, uint32_t flags,
             return QOR_record_os_error(EEXIST, os, QOR_CTX_OPEN);
         }
     }
-    const char *body = QOR_SH_body_path(path);
-    if (body == nullptr) return QOR_E_UNTRANSLATABLE;
-    return QOR_open_file(body, 0, type == QOR_IDLE_OBJECT ? 1 : 0, flags,
-                         request, result);
+    return open_member(path, kBody, type == QOR_IDLE_OBJECT ? 1 : 0, flags,
+                       request, result);
 }
 
 // The two directions of an idle-block transfer.
@@ -317,16 +358,14 @@ int QOR_open_idle_index(const char *path, unsigned int flags,
                         unsigned int lock_request,
                         QOR_contents_record **result) {
     return bracketed([&] {
-        const char *index = QOR_SH_index_path(path);
-        if (index == nullptr) return static_cast<int>(QOR_E_UNTRANSLATABLE);
-        return QOR_open_file(index, 0, 1, flags, lock_request, result);
+        return open_member(path, kIndex, 1, flags, lock_request, result);
     });
 }
 
 int QOR_lock_contents(QOR_contents_record *rec, unsigned int lock_request) {
     return bracketed([&] {
         // The record's path must still read as a qor path.
-        if (QOR_SH_os_to_qor(rec->path) == nullptr) {
+        if (!reads_as_qor_path(rec->path)) {
             return static_cast<int>(QOR_E_UNTRANSLATABLE);
         }
         return lock_record(rec, lock_request);
