@@ -1,6 +1,10 @@
-/* libqor containers. */
+/* libqor associative containers: ASSOC hash tables driven by key types, with
+ * scans and traces; atom tables; light TABLEs kept in a freestore, with
+ * sequences. */
 #ifndef QOR_CONTAINERS_H
 #define QOR_CONTAINERS_H
+
+#include <stdio.h>
 
 #include "qor/foundation.h"
 #include "qor/memory.h"
@@ -8,6 +12,204 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* ---- ASSOC tables ---------------------------------------------------------
+ * A chained hash table whose behaviour is set by a key type. Keys and values
+ * are machine words: a key is a pointer to a NUL-terminated string for string
+ * keys and a long integer (cast to a pointer) for long-int keys.
+ *
+ * Entries, like every record a key type may carve out of a freestore, can
+ * sit at 4-byte alignment (the freestore's own); the library reads them
+ * accordingly. */
+
+/* Common head of every entry; the key type's payload follows. */
+typedef struct QOR_ASSOC_entry {
+    struct QOR_ASSOC_entry *next; /* next entry of the same chain */
+    uint64_t hash;                /* full hash of the key, not masked */
+} QOR_ASSOC_entry;
+
+/* Entry of the string key type. */
+typedef struct QOR_ASSOC_string_entry {
+    struct QOR_ASSOC_entry *next;
+    uint64_t hash;
+    char *key;   /* private copy of the key */
+    void *value;
+} QOR_ASSOC_string_entry;
+
+/* Entry of the long-int key type: the key is kept as the hash itself. */
+typedef struct QOR_ASSOC_long_int_entry {
+    struct QOR_ASSOC_entry *next;
+    uint64_t hash;
+    void *value;
+} QOR_ASSOC_long_int_entry;
+
+typedef struct QOR_ASSOC_table QOR_ASSOC_table;
+typedef struct QOR_ASSOC_scan QOR_ASSOC_scan;
+typedef struct QOR_ASSOC_key_type QOR_ASSOC_key_type;
+
+struct QOR_ASSOC_key_type {
+    uint64_t (*hash)(QOR_ASSOC_table *table, const void *key);
+    /* non-zero when the entry holds that key */
+    int (*cmp)(QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
+               const void *key);
+    /* writes a key, without a line end */
+    void (*print_key)(FILE *stream, QOR_ASSOC_table *table, const void *key);
+    /* writes one entry as one line */
+    void (*print)(FILE *stream, QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
+                  int bucket);
+    /* a new entry with its payload filled in (chain link and hash need not
+     * be set) */
+    QOR_ASSOC_entry *(*entry_alloc)(QOR_ASSOC_table *table, uint32_t size,
+                                    const void *key, void *value);
+    void (*entry_init)(QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
+                       const void *key, void *value);
+    /* when absent the table never frees entries */
+    void (*entry_free)(QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
+                       uint32_t size);
+    /* a zero-filled bucket array of size bytes */
+    QOR_ASSOC_entry **(*hash_alloc)(QOR_ASSOC_table *table, uint32_t size);
+    void (*hash_free)(QOR_ASSOC_table *table, QOR_ASSOC_entry **buckets,
+                      uint32_t size);
+    /* a zero-filled table record */
+    QOR_ASSOC_table *(*table_alloc)(const QOR_ASSOC_key_type *key_type,
+                                    uint32_t size, void *client_data);
+    void (*table_init)(const QOR_ASSOC_key_type *key_type,
+                       QOR_ASSOC_table *table, void *client_data);
+    void (*table_free)(const QOR_ASSOC_key_type *key_type,
+                       QOR_ASSOC_table *table, uint32_t size);
+    /* a zero-filled scan record */
+    QOR_ASSOC_scan *(*scan_alloc)(QOR_ASSOC_table *table, uint32_t size,
+                                  void *client_data);
+    void (*scan_init)(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
+                      void *client_data);
+    void (*scan_free)(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
+                      uint32_t size);
+    uint32_t entry_size;
+    uint32_t table_size; /* may extend the common record */
+    uint32_t scan_size;
+    unsigned char fixed_size; /* initial value of the table's flag */
+    unsigned char trace;      /* initial value of the table's flag */
+};
+
+struct QOR_ASSOC_table {
+    char *name;                    /* private copy */
+    QOR_ASSOC_table *next;         /* older table in the registry */
+    QOR_ASSOC_table *prev;         /* newer table in the registry */
+    unsigned char trace;           /* non-zero: trace every operation */
+    unsigned char fixed_size;      /* non-zero: the buckets never grow */
+    uint64_t mask;                 /* buckets - 1; buckets a power of 2 >= 32 */
+    int32_t count;                 /* entries */
+    QOR_ASSOC_entry **buckets;     /* mask + 1 chain heads */
+    QOR_ASSOC_scan *scans;         /* live scans, newest first */
+    const QOR_ASSOC_key_type *key_type;
+};
+
+struct QOR_ASSOC_scan {
+    QOR_ASSOC_scan *next;
+    QOR_ASSOC_scan *prev;
+    QOR_ASSOC_table *table;
+    QOR_ASSOC_entry *current; /* entry last returned or positioned on */
+    unsigned char pending;    /* current already advanced past a removal */
+};
+
+/* The registry of live tables, newest first. */
+QOR_API extern QOR_ASSOC_table *QOR_ASSOC_tables;
+/* The library's key types. */
+QOR_API extern const QOR_ASSOC_key_type *const QOR_ASSOC_string_key_type;
+QOR_API extern const QOR_ASSOC_key_type *const QOR_ASSOC_long_int_key_type;
+
+QOR_API QOR_ASSOC_table *QOR_ASSOC_table_create(
+    int size, const QOR_ASSOC_key_type *key_type, const char *name,
+    void *client_data);
+QOR_API void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table);
+QOR_API void QOR_ASSOC_table_clear(QOR_ASSOC_table *table);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
+                                              const void *key);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
+                                                  const void *key,
+                                                  QOR_ASSOC_entry *previous);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
+                                                const void *key, void *value,
+                                                int *found);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(
+    QOR_ASSOC_table *table, const void *key, void *value, int *replaced);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert_dup(QOR_ASSOC_table *table,
+                                                    const void *key,
+                                                    void *value);
+QOR_API void QOR_ASSOC_table_remove(QOR_ASSOC_table *table,
+                                    QOR_ASSOC_entry *entry);
+QOR_API void QOR_ASSOC_table_report(FILE *stream, QOR_ASSOC_table *table);
+QOR_API void QOR_ASSOC_table_report_by_name(FILE *stream, const char *name);
+
+QOR_API QOR_ASSOC_scan *QOR_ASSOC_scan_create(QOR_ASSOC_table *table,
+                                              void *client_data);
+QOR_API void QOR_ASSOC_scan_destroy(QOR_ASSOC_scan *scan);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_next(QOR_ASSOC_scan *scan);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_find(QOR_ASSOC_scan *scan,
+                                             const void *key);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_find_dup(QOR_ASSOC_scan *scan,
+                                                 const void *key);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert(QOR_ASSOC_scan *scan,
+                                               const void *key, void *value,
+                                               int *found);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert_replace(QOR_ASSOC_scan *scan,
+                                                       const void *key,
+                                                       void *value,
+                                                       int *replaced);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert_dup(QOR_ASSOC_scan *scan,
+                                                   const void *key,
+                                                   void *value);
+QOR_API void QOR_ASSOC_scan_remove(QOR_ASSOC_scan *scan);
+
+/* Default hooks, for key types of the caller's own: each allocator returns
+ * QOR_calloc(1, size) and each free calls QOR_free; other arguments are
+ * ignored. */
+QOR_API QOR_ASSOC_table *QOR_ASSOC_table_alloc(
+    const QOR_ASSOC_key_type *key_type, uint32_t size, void *client_data);
+QOR_API QOR_ASSOC_entry **QOR_ASSOC_hash_alloc(QOR_ASSOC_table *table,
+                                               uint32_t size);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_entry_alloc(QOR_ASSOC_table *table,
+                                               uint32_t size, const void *key,
+                                               void *value);
+QOR_API QOR_ASSOC_scan *QOR_ASSOC_scan_alloc(QOR_ASSOC_table *table,
+                                             uint32_t size,
+                                             void *client_data);
+QOR_API void QOR_ASSOC_table_free(const QOR_ASSOC_key_type *key_type,
+                                  QOR_ASSOC_table *table, uint32_t size);
+QOR_API void QOR_ASSOC_hash_free(QOR_ASSOC_table *table,
+                                 QOR_ASSOC_entry **buckets, uint32_t size);
+QOR_API void QOR_ASSOC_entry_free(QOR_ASSOC_table *table,
+                                  QOR_ASSOC_entry *entry, uint32_t size);
+QOR_API void QOR_ASSOC_scan_free(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
+                                 uint32_t size);
+
+/* Functions of the library's key types. */
+QOR_API uint64_t QOR_ASSOC_string_hash(QOR_ASSOC_table *table,
+                                       const void *key);
+QOR_API int QOR_ASSOC_string_cmp(QOR_ASSOC_table *table,
+                                 QOR_ASSOC_entry *entry, const void *key);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_string_alloc(QOR_ASSOC_table *table,
+                                                uint32_t size,
+                                                const void *key, void *value);
+QOR_API void QOR_ASSOC_string_free(QOR_ASSOC_table *table,
+                                   QOR_ASSOC_entry *entry, uint32_t size);
+QOR_API void QOR_ASSOC_string_print(FILE *stream, QOR_ASSOC_table *table,
+                                    QOR_ASSOC_entry *entry, int bucket);
+QOR_API void QOR_ASSOC_string_print_key(FILE *stream, QOR_ASSOC_table *table,
+                                        const void *key);
+QOR_API uint64_t QOR_ASSOC_long_int_hash(QOR_ASSOC_table *table,
+                                         const void *key);
+QOR_API int QOR_ASSOC_long_int_cmp(QOR_ASSOC_table *table,
+                                   QOR_ASSOC_entry *entry, const void *key);
+QOR_API QOR_ASSOC_entry *QOR_ASSOC_long_int_alloc(QOR_ASSOC_table *table,
+                                                  uint32_t size,
+                                                  const void *key,
+                                                  void *value);
+QOR_API void QOR_ASSOC_long_int_print(FILE *stream, QOR_ASSOC_table *table,
+                                      QOR_ASSOC_entry *entry, int bucket);
+QOR_API void QOR_ASSOC_long_int_print_key(FILE *stream,
+                                          QOR_ASSOC_table *table,
+                                          const void *key);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,21 @@
+// Views of records that may be carved out of a freestore.
+//
+// A freestore aligns its pieces to 4 bytes only, yet the records kept there
+// (atom entries, TABLE records and entries, any entry of a caller's key
+// type) hold pointers and 64-bit words. The container units read and write
+// such records only through these views, which keep the natural layout but
+// claim no more than the 4-byte alignment a piece is guaranteed to have, so
+// every access is well defined wherever the piece starts.
+#pragma once
+
+#include "qor/containers.h"
+
+namespace qor::containers {
+
+typedef QOR_ASSOC_entry Entry __attribute__((aligned(4)));
+typedef QOR_ASSOC_string_entry StringEntry __attribute__((aligned(4)));
+
+// The view of an entry handed in by a caller.
+inline Entry *piece(QOR_ASSOC_entry *e) { return e; }
+
+}  // namespace qor::containers
