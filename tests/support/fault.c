@@ -41,7 +41,7 @@ static void *reals[QF_COUNT];
  * those few requests from a static area that is never freed. */
 static _Alignas(16) char bootstrap[8192];
 static size_t bootstrap_used;
-static int resolving;
+static volatile int resolving; /* read again by re-entered calls */
 
 static void *bootstrap_alloc(size_t n) {
     n = (n + 15) & ~(size_t)15;
@@ -253,6 +253,13 @@ char *getenv(const char *name) {
     return ((char *(*)(const char *))real(QF_getenv))(name);
 }
 
+char *strerror(int e) {
+    int fail = decide(QF_strerror, NULL) == 1;
+    char *text = ((char *(*)(int))real(QF_strerror))(e);
+    if (fail) errno = plans[QF_strerror].err;
+    return text;
+}
+
 /* The allocator: resolved lazily, with the bootstrap area for dlsym's own
  * needs while that happens. */
 void *malloc(size_t n) {
@@ -273,6 +280,9 @@ static void (*real_free)(void *);
 void free(void *p) {
     if (p == NULL || in_bootstrap(p)) return;
     if (real_free == NULL) {
+        /* dlsym may free its own error text while free is being resolved:
+           that one small block is left alone. */
+        if (resolving) return;
         resolving++;
         real_free = (void (*)(void *))dlsym(RTLD_NEXT, "free");
         resolving--;

@@ -18,7 +18,7 @@ extern "C" {
     X(symlink) X(link) X(opendir) X(readdir) X(closedir) X(getcwd)       \
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
-    X(waitpid) X(putenv) X(getenv) X(utime)
+    X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
@@ -36,6 +36,7 @@ void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
 /* Only calls whose path argument contains text are affected (and counted as
  * matching); null removes the filter. */
 void qor_fault_filter_path(qor_fault_fn fn, const char *text);
+/* strerror "fails" by returning its text with errno set to err. */
 /* Disarms everything and zeroes the counters. */
 void qor_fault_reset(void);
 /* Calls of fn seen since the last reset (all of them, armed or not). */
