@@ -113,6 +113,18 @@ void trace_line(QOR_ASSOC_table *t, const char *what) {
 Entry *match_from(QOR_ASSOC_table *t, Entry *e, uint64_t hash,
                   const void *key) {
     const auto cmp = t->key_type->cmp;
+    if (cmp == QOR_ASSOC_string_cmp) {
+        // The library's own comparison, called directly: chains of string
+        // keys are walked often and far (see the hash below).
+        const char *text = static_cast<const char *>(key);
+        for (; e != nullptr; e = next_of(e)) {
+            if (e->hash == hash &&
+                strcmp(reinterpret_cast<StringEntry *>(e)->key, text) == 0) {
+                return e;
+            }
+        }
+        return nullptr;
+    }
     for (; e != nullptr; e = next_of(e)) {
         if (e->hash == hash && cmp(t, e, key) != 0) return e;
     }
