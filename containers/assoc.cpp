@@ -278,7 +278,7 @@ uint64_t QOR_ASSOC_string_hash(QOR_ASSOC_table *, const void *key) {
 
 int QOR_ASSOC_string_cmp(QOR_ASSOC_table *, QOR_ASSOC_entry *entry,
                          const void *key) {
-    const auto *e = reinterpret_cast<StringEntry *>(entry);
+    const StringEntry *e = reinterpret_cast<StringEntry *>(entry);
     return strcmp(e->key, static_cast<const char *>(key)) == 0 ? 1 : 0;
 }
 
@@ -293,14 +293,14 @@ QOR_ASSOC_entry *QOR_ASSOC_string_alloc(QOR_ASSOC_table *, uint32_t size,
 
 void QOR_ASSOC_string_free(QOR_ASSOC_table *, QOR_ASSOC_entry *entry,
                            uint32_t) {
-    auto *e = reinterpret_cast<StringEntry *>(entry);
+    StringEntry *e = reinterpret_cast<StringEntry *>(entry);
     QOR_free(e->key);
     QOR_free(e);
 }
 
 void QOR_ASSOC_string_print(FILE *stream, QOR_ASSOC_table *,
                             QOR_ASSOC_entry *entry, int bucket) {
-    const auto *e = reinterpret_cast<StringEntry *>(entry);
+    const StringEntry *e = reinterpret_cast<StringEntry *>(entry);
     fprintf(stream, "0x%08lx\t%d\t(0x%08lx, %s): 0x%08lx\n",
             static_cast<unsigned long>(e->hash), bucket, ulong_of(e->key),
             e->key, ulong_of(e->value));
@@ -335,7 +335,7 @@ QOR_ASSOC_entry *QOR_ASSOC_long_int_alloc(QOR_ASSOC_table *, uint32_t size,
 void QOR_ASSOC_long_int_print(FILE *stream, QOR_ASSOC_table *,
                               QOR_ASSOC_entry *entry, int bucket) {
     typedef QOR_ASSOC_long_int_entry LongEntry __attribute__((aligned(4)));
-    const auto *e = reinterpret_cast<LongEntry *>(entry);
+    const LongEntry *e = reinterpret_cast<LongEntry *>(entry);
     fprintf(stream, "0x%08lx\t%d\t(0x%08lx, %ld): 0x%08lx\n",
             static_cast<unsigned long>(e->hash), bucket,
             static_cast<unsigned long>(e->hash), static_cast<long>(e->hash),

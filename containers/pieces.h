@@ -5,7 +5,9 @@
 // type) hold pointers and 64-bit words. The container units read and write
 // such records only through these views, which keep the natural layout but
 // claim no more than the 4-byte alignment a piece is guaranteed to have, so
-// every access is well defined wherever the piece starts.
+// every access is well defined wherever the piece starts. Name the view
+// type in every declaration: `auto` deduces the underlying record and drops
+// the alignment.
 #pragma once
 
 #include "qor/containers.h"

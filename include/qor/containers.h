@@ -211,6 +211,39 @@ QOR_API void QOR_ASSOC_long_int_print_key(FILE *stream,
                                           QOR_ASSOC_table *table,
                                           const void *key);
 
+/* ---- Atoms ----------------------------------------------------------------
+ * An atom table gives each distinct string a small positive number, from 1
+ * up, for the life of the table, and gives the string of a number back in
+ * constant time. Entries and strings live in the table's own freestore and
+ * go with it. 0 stands for no atom. An atom table must not be given to
+ * QOR_ASSOC_table_remove or QOR_ASSOC_table_clear. */
+
+typedef struct QOR_atom_table {
+    QOR_ASSOC_table assoc;      /* the common table record */
+    QOR_FS_allocator freestore; /* every entry and every atom string */
+    int32_t next_atom;          /* the number the next atom gets */
+    char **strings;             /* slot atom - 1: its string, null if unique */
+    int32_t capacity;           /* slots in strings */
+    int32_t increment;          /* slots added at each growth */
+} QOR_atom_table;
+
+/* size: buckets wanted (at least 32); fixed: the buckets never grow;
+ * increment: slots added to the string array at a time (0: 256). */
+QOR_API QOR_atom_table *QOR_create_atom_table(const char *name,
+                                              unsigned increment,
+                                              unsigned size, int fixed);
+/* A table that never made an atom has no string array: destroying it is
+ * the assertion failure of QOR_free for a null pointer. */
+QOR_API void QOR_destroy_atom_table(QOR_atom_table *table);
+QOR_API int QOR_string_to_atom(QOR_atom_table *table, const char *string);
+/* 0 when the string has no atom; no number is used up. */
+QOR_API int QOR_string_to_existing_atom(QOR_atom_table *table,
+                                        const char *string);
+/* Null for 0, negative numbers, numbers not given yet and unique atoms. */
+QOR_API const char *QOR_atom_to_string(QOR_atom_table *table, int atom);
+/* A new atom without a string. */
+QOR_API int QOR_unique_atom(QOR_atom_table *table);
+
 #ifdef __cplusplus
 }
 #endif
