@@ -16,6 +16,8 @@ namespace qor::containers {
 
 typedef QOR_ASSOC_entry Entry __attribute__((aligned(4)));
 typedef QOR_ASSOC_string_entry StringEntry __attribute__((aligned(4)));
+typedef QOR_TABLE Table __attribute__((aligned(4)));
+typedef QOR_TABLE_entry TableEntry __attribute__((aligned(4)));
 
 // The view of an entry handed in by a caller.
 inline Entry *piece(QOR_ASSOC_entry *e) { return e; }

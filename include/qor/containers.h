@@ -244,6 +244,78 @@ QOR_API const char *QOR_atom_to_string(QOR_atom_table *table, int atom);
 /* A new atom without a string. */
 QOR_API int QOR_unique_atom(QOR_atom_table *table);
 
+/* ---- TABLEs and sequences -------------------------------------------------
+ * A light chained hash table whose record, entries and key copies live in a
+ * freestore given by the caller, so that they vanish with it; only the
+ * bucket array comes from basic space (QOR_TABLE_destroy frees it). Keys are
+ * pointers compared by identity (kind 0) or strings (kind 1); a caller may
+ * set compare instead. Like every piece of a freestore, the records may sit
+ * at 4-byte alignment. */
+
+/* Key kinds. Any other kind: keys never match. */
+enum { QOR_TABLE_POINTER_KEYS = 0, QOR_TABLE_STRING_KEYS = 1 };
+
+typedef struct QOR_TABLE_entry {
+    const void *key; /* the caller's pointer, or a copy in the freestore */
+    void *value;
+    struct QOR_TABLE_entry *next; /* chain link */
+    uint64_t hash;                /* full hash of the key */
+} QOR_TABLE_entry;
+
+typedef struct QOR_TABLE_SEQ QOR_TABLE_SEQ;
+
+typedef struct QOR_TABLE {
+    uint32_t kind;
+    uint32_t count;
+    QOR_TABLE_entry **buckets; /* mask + 1 chain heads, from QOR_calloc */
+    QOR_TABLE_SEQ *sequences;  /* open sequences, newest first */
+    uint64_t mask;             /* buckets - 1; buckets a power of 2 >= 2 */
+    unsigned char fixed_size;  /* non-zero: never grows; the caller sets it */
+    uint64_t (*hash)(const void *key);
+    /* optional; non-zero when equal; replaces the rule of kind */
+    int (*compare)(const void *entry_key, const void *key);
+    QOR_FS_allocator *freestore;
+} QOR_TABLE;
+
+/* A walk over a table's entries that stays valid while entries are removed;
+ * the table does not grow while one is open. From the library's pool. */
+struct QOR_TABLE_SEQ {
+    QOR_TABLE_SEQ *next;
+    QOR_TABLE_SEQ *prev;
+    int32_t bucket;         /* bucket of entry; -1 once run out */
+    QOR_TABLE_entry *entry; /* what the next step returns, or null */
+    QOR_TABLE *table;
+};
+
+QOR_API QOR_TABLE *QOR_TABLE_create(unsigned long size, unsigned kind,
+                                    QOR_FS_allocator *freestore);
+/* The existing entry of an equal key (its value unchanged), or a new one.
+ * copy: a string key (kind other than 0) is copied into the freestore. */
+QOR_API QOR_TABLE_entry *QOR_TABLE_insert(QOR_TABLE *table, const void *key,
+                                          void *value, int copy);
+/* Always a new entry: keys need not be unique. */
+QOR_API QOR_TABLE_entry *QOR_TABLE_insert_non(QOR_TABLE *table,
+                                              const void *key, void *value,
+                                              int copy);
+QOR_API QOR_TABLE_entry *QOR_TABLE_find(QOR_TABLE *table, const void *key);
+/* The first matching entry of the chain from `from` on, `from` included
+ * (null: as QOR_TABLE_find). Pass the next of the entry last found to reach
+ * the next equal key. */
+QOR_API QOR_TABLE_entry *QOR_TABLE_find_non(QOR_TABLE *table, const void *key,
+                                            QOR_TABLE_entry *from);
+/* 1 and the removed entry's value in *value, or 0 and null. */
+QOR_API int QOR_TABLE_remove_entry(QOR_TABLE *table, const void *key,
+                                   void **value);
+/* Every entry, bucket by bucket, to standard error. */
+QOR_API void QOR_TABLE_report(QOR_TABLE *table);
+/* Closes the sequences and frees the bucket array; the rest goes with the
+ * freestore. */
+QOR_API void QOR_TABLE_destroy(QOR_TABLE *table);
+QOR_API QOR_TABLE_SEQ *QOR_TABLE_SEQ_create(QOR_TABLE *table);
+/* Every entry once, then null for ever. */
+QOR_API QOR_TABLE_entry *QOR_TABLE_SEQ_next(QOR_TABLE_SEQ *sequence);
+QOR_API void QOR_TABLE_SEQ_destroy(QOR_TABLE_SEQ *sequence);
+
 #ifdef __cplusplus
 }
 #endif

@@ -66,4 +66,13 @@ inline std::string long_line(QOR_ASSOC_entry *e, int bucket) {
            "): " + hex(l->value) + "\n";
 }
 
+// TABLE records and entries are pieces of a freestore, aligned to 4 bytes
+// only: the tests read them through these views (never through `auto`,
+// which drops the alignment), and give gtest's reference-taking assertions
+// a copy of a field (`+V(t)->mask`), never the field itself.
+typedef QOR_TABLE_entry TEntry __attribute__((aligned(4)));
+typedef QOR_TABLE TTable __attribute__((aligned(4)));
+inline TEntry *V(QOR_TABLE_entry *e) { return e; }
+inline TTable *V(QOR_TABLE *t) { return t; }
+
 }  // namespace containers_test
