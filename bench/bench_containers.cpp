@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #if QOR_HAVE_GLIB
@@ -99,10 +100,11 @@ const LongKeys &long_keys(long n) {
     if (it != cache.end()) return it->second;
     LongKeys k;
     std::mt19937_64 rng(7);
-    for (long i = 0; i < n; ++i) {
-        // Odd keys hit, even keys miss: never equal.
-        k.hits.push_back(static_cast<long>(rng() >> 16) | 1);
-        k.misses.push_back(static_cast<long>(rng() >> 16) & ~1L);
+    std::unordered_set<long> taken;
+    while (static_cast<long>(taken.size()) < 2 * n) {
+        const long key = static_cast<long>(rng() >> 16);
+        if (!taken.insert(key).second) continue;
+        (static_cast<long>(k.hits.size()) < n ? k.hits : k.misses).push_back(key);
     }
     return cache.emplace(n, std::move(k)).first->second;
 }
@@ -139,6 +141,39 @@ struct Assoc {
         return QOR_ASSOC_table_find(t, lkey(k));
     }
     static void drop(Table t) { QOR_ASSOC_table_destroy(t); }
+};
+
+struct Table {
+    // A TABLE and the freestore it lives in. Keys are not copied, as the
+    // peers do not copy them either.
+    struct Store {
+        QOR_FS_allocator fs;
+        QOR_TABLE *table;
+    };
+    static Store *make(unsigned kind) {
+        auto *s = new Store{QOR_FS_INITIALISER(2016, 0), nullptr};
+        s->table = QOR_TABLE_create(0, kind, &s->fs);
+        return s;
+    }
+    static Store *make_strings() { return make(1); }
+    static Store *make_longs() { return make(0); }
+    static void put(Store *s, const char *k, void *v) {
+        QOR_TABLE_insert(s->table, k, v, 0);
+    }
+    static void put(Store *s, long k, void *v) {
+        QOR_TABLE_insert(s->table, lkey(k), v, 0);
+    }
+    static const void *get(Store *s, const char *k) {
+        return QOR_TABLE_find(s->table, k);
+    }
+    static const void *get(Store *s, long k) {
+        return QOR_TABLE_find(s->table, lkey(k));
+    }
+    static void drop(Store *s) {
+        QOR_TABLE_destroy(s->table);
+        QOR_FS_destroy(&s->fs);
+        delete s;
+    }
 };
 
 struct StdMap {
@@ -331,6 +366,7 @@ constexpr long kLong = 100000;  // long-integer keys
     BENCHMARK_TEMPLATE(LongFind, C, false)->Arg(kLong)
 
 QOR_STRING_BENCHES(Assoc);
+QOR_STRING_BENCHES(Table);
 QOR_STRING_BENCHES(StdMap);
 #if QOR_HAVE_GLIB
 QOR_STRING_BENCHES(GHash);
@@ -347,6 +383,113 @@ QOR_STRING_BENCHES(AprHash);
 BENCHMARK_TEMPLATE(StringFind, Assoc, Kind::Path, true)->Arg(500)->Arg(8000);
 #if QOR_HAVE_GLIB
 BENCHMARK_TEMPLATE(StringFind, GHash, Kind::Path, true)->Arg(500)->Arg(8000);
+#endif
+
+// ---- Atoms against GLib quarks ------------------------------------------------
+
+// Each round interns strings never seen before: quarks are never freed, so
+// every round needs fresh ones, made outside the timing.
+std::vector<std::string> fresh_strings(long n) {
+    static long round = 0;
+    ++round;
+    std::vector<std::string> out;
+    out.reserve(static_cast<size_t>(n));
+    char buf[48];
+    for (long i = 0; i < n; ++i) {
+        snprintf(buf, sizeof buf, "r%ld-key%07ld", round, i);
+        out.push_back(buf);
+    }
+    return out;
+}
+
+void AtomCreate(benchmark::State &state) {
+    const long n = state.range(0);
+    for (auto _ : state) {
+        state.PauseTiming();
+        const std::vector<std::string> strings = fresh_strings(n);
+        state.ResumeTiming();
+        QOR_atom_table *t = QOR_create_atom_table("bench", 0, 0, 0);
+        for (const std::string &s : strings) {
+            benchmark::DoNotOptimize(QOR_string_to_atom(t, s.c_str()));
+        }
+        QOR_destroy_atom_table(t);
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+
+void AtomOfKnownString(benchmark::State &state) {
+    const StringKeys &keys = string_keys(Kind::Short, state.range(0));
+    QOR_atom_table *t = QOR_create_atom_table("bench", 0, 0, 0);
+    for (const std::string &k : keys.hits) QOR_string_to_atom(t, k.c_str());
+    for (auto _ : state) {
+        for (const std::string &k : keys.hits) {
+            benchmark::DoNotOptimize(QOR_string_to_atom(t, k.c_str()));
+        }
+    }
+    state.SetItemsProcessed(state.iterations() *
+                            static_cast<int64_t>(keys.hits.size()));
+    QOR_destroy_atom_table(t);
+}
+
+void AtomToString(benchmark::State &state) {
+    const long n = state.range(0);
+    QOR_atom_table *t = QOR_create_atom_table("bench", 0, 0, 0);
+    for (const std::string &k : string_keys(Kind::Short, n).hits)
+        QOR_string_to_atom(t, k.c_str());
+    for (auto _ : state) {
+        for (int a = 1; a <= n; ++a) {
+            benchmark::DoNotOptimize(QOR_atom_to_string(t, a));
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+    QOR_destroy_atom_table(t);
+}
+
+BENCHMARK(AtomCreate)->Arg(kShort)->Iterations(30);
+BENCHMARK(AtomOfKnownString)->Arg(kShort);
+BENCHMARK(AtomToString)->Arg(kShort);
+
+#if QOR_HAVE_GLIB
+void QuarkCreate(benchmark::State &state) {
+    const long n = state.range(0);
+    for (auto _ : state) {
+        state.PauseTiming();
+        const std::vector<std::string> strings = fresh_strings(n);
+        state.ResumeTiming();
+        for (const std::string &s : strings) {
+            benchmark::DoNotOptimize(g_quark_from_string(s.c_str()));
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+
+void QuarkOfKnownString(benchmark::State &state) {
+    const StringKeys &keys = string_keys(Kind::Short, state.range(0));
+    for (const std::string &k : keys.hits) g_quark_from_string(k.c_str());
+    for (auto _ : state) {
+        for (const std::string &k : keys.hits) {
+            benchmark::DoNotOptimize(g_quark_from_string(k.c_str()));
+        }
+    }
+    state.SetItemsProcessed(state.iterations() *
+                            static_cast<int64_t>(keys.hits.size()));
+}
+
+void QuarkToString(benchmark::State &state) {
+    const StringKeys &keys = string_keys(Kind::Short, state.range(0));
+    std::vector<GQuark> quarks;
+    for (const std::string &k : keys.hits)
+        quarks.push_back(g_quark_from_string(k.c_str()));
+    for (auto _ : state) {
+        for (GQuark q : quarks) benchmark::DoNotOptimize(g_quark_to_string(q));
+    }
+    state.SetItemsProcessed(state.iterations() *
+                            static_cast<int64_t>(quarks.size()));
+}
+
+BENCHMARK(QuarkCreate)->Arg(kShort)->Iterations(30);
+BENCHMARK(QuarkOfKnownString)->Arg(kShort);
+BENCHMARK(QuarkToString)->Arg(kShort);
 #endif
 
 }  // namespace

@@ -1,5 +1,6 @@
 // qor commands and tour step for the associative containers: a hash table
-// walked by a scan that removes entries as it goes, and atoms.
+// walked by a scan that removes entries as it goes, atoms, and a TABLE in a
+// freestore walked by a sequence.
 
 #include <qor/qor.h>
 #include <stdint.h>
@@ -85,6 +86,68 @@ int tour_assoc() {
     return 0;
 }
 
+int tour_atoms() {
+    printf("\nAtoms (QOR_string_to_atom): each distinct string gets the next "
+           "number, for good:\n");
+    QOR_atom_table *t = QOR_create_atom_table("colours", 0, 0, 0);
+    const char *colours[] = {"red", "green", "blue", "red", "green"};
+    for (const char *c : colours) {
+        printf("  %-5s -> %d\n", c, QOR_string_to_atom(t, c));
+    }
+    const int unique = QOR_unique_atom(t);
+    printf("  a unique atom (QOR_unique_atom) -> %d, with no string: %s\n",
+           unique, QOR_atom_to_string(t, unique) ? "wrong" : "null");
+    printf("  atom 2 is \"%s\"; \"purple\" has atom %d (none, and no number "
+           "used up)\n",
+           QOR_atom_to_string(t, 2), QOR_string_to_existing_atom(t, "purple"));
+    const bool ok = QOR_string_to_atom(t, "red") == 1 && unique == 4 &&
+                    QOR_string_to_atom(t, "purple") == 5;
+    QOR_destroy_atom_table(t);
+    return ok ? 0 : 1;
+}
+
+int tour_table() {
+    printf("\nA TABLE kept in a freestore (QOR_TABLE_create), walked by a "
+           "sequence that\nskips what is removed under it "
+           "(QOR_TABLE_remove_entry):\n");
+    QOR_FS_allocator fs = QOR_FS_INITIALISER(2016, 0);
+    QOR_TABLE *t = QOR_TABLE_create(8, 1, &fs);
+    const char *days[] = {"mon", "tue", "wed", "thu", "fri"};
+    long n = 1;
+    for (const char *d : days) QOR_TABLE_insert(t, d, word(n++), 1);
+    QOR_TABLE_SEQ *s = QOR_TABLE_SEQ_create(t);
+    int seen = 0;
+    for (QOR_TABLE_entry *e = QOR_TABLE_SEQ_next(s); e != nullptr;
+         e = QOR_TABLE_SEQ_next(s)) {
+        // The entry is a piece of the freestore: copy its fields out.
+        const void *key;
+        void *value;
+        memcpy(&key, reinterpret_cast<char *>(e), sizeof key);
+        memcpy(&value, reinterpret_cast<char *>(e) + sizeof key, sizeof value);
+        printf("  %s = %ld\n", static_cast<const char *>(key), number(value));
+        ++seen;
+        if (seen == 1) {
+            void *removed = nullptr;
+            for (const char *d : days) {
+                if (strcmp(d, static_cast<const char *>(key)) != 0 &&
+                    QOR_TABLE_remove_entry(t, d, &removed) == 1) {
+                    printf("  (removed %s, which the sequence will not "
+                           "return)\n", d);
+                    break;
+                }
+            }
+        }
+    }
+    QOR_TABLE_SEQ_destroy(s);
+    printf("The report of what is left, on standard error (QOR_TABLE_report):\n");
+    fflush(stdout);
+    QOR_TABLE_report(t);
+    fflush(stderr);
+    QOR_TABLE_destroy(t);
+    QOR_FS_destroy(&fs);
+    return seen == 4 ? 0 : 1;
+}
+
 }  // namespace
 
 const Command containers_commands[] = {
@@ -95,7 +158,7 @@ const Command containers_commands[] = {
 
 int tour_containers() {
     tour_heading("Associative containers: hash tables, scans and atoms");
-    if (tour_assoc() != 0) return 1;
+    if (tour_assoc() != 0 || tour_atoms() != 0 || tour_table() != 0) return 1;
     fflush(stdout);
     return 0;
 }

@@ -49,7 +49,7 @@ TEST(QorAssocHash, WithoutKeysPrintsUsage) {
     EXPECT_EQ(r.err, "usage: qor assoc-hash KEY...\n");
 }
 
-TEST(QorTour, ContainersStepShowsAScanAndTheReport) {
+TEST(QorTour, ContainersStepShowsScansAtomsAndSequences) {
     if (access(kProgram.c_str(), X_OK) != 0) GTEST_SKIP() << "qor not built";
     auto r = run_qor({"tour"});
     EXPECT_EQ(r.exit_status, 0);
@@ -62,6 +62,20 @@ TEST(QorTour, ContainersStepShowsAScanAndTheReport) {
         << r.out;
     EXPECT_NE(r.err.find("ASSOC table report for fruit :-\n"
                          "Hash size: 32.\t\tEntries: 4.\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.out.find("  red   -> 1\n  green -> 2\n  blue  -> 3\n"
+                         "  red   -> 1\n  green -> 2\n"
+                         "  a unique atom (QOR_unique_atom) -> 4, with no "
+                         "string: null\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("  tue = 2\n  (removed mon, which the sequence will "
+                         "not return)\n  thu = 4\n  wed = 3\n  fri = 5\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.err.find("0\ttue\t87824\n1\tthu\t87489\n2\twed\t89578\n"
+                         "5\tfri\t77541\n"),
               std::string::npos)
         << r.err;
 }
