@@ -80,6 +80,8 @@ constexpr int32_t kHashedBytes = 14;
 using qor::containers::Entry;
 using qor::containers::StringEntry;
 using qor::containers::piece;
+using qor::containers::push_front;
+using qor::containers::unlink;
 
 // Chain links are declared with the natural alignment; every walk goes
 // through the 4-byte view so that entries carved from a freestore are read
@@ -408,10 +410,7 @@ QOR_ASSOC_table *QOR_ASSOC_table_create(int size,
     t->buckets = key_type->hash_alloc(
         t, static_cast<uint32_t>(buckets * sizeof(Entry *)));
 
-    // prev and count come zeroed from table_alloc.
-    t->next = QOR_ASSOC_tables;
-    if (QOR_ASSOC_tables != nullptr) QOR_ASSOC_tables->prev = t;
-    QOR_ASSOC_tables = t;
+    push_front(QOR_ASSOC_tables, t);
 
     if (t->trace) fprintf(stderr, "-- ASSOC table %s: created\n", name);
     return t;
@@ -431,12 +430,7 @@ void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table) {
                       static_cast<uint32_t>((table->mask + 1) *
                                             sizeof(Entry *)));
     }
-    if (table->prev != nullptr) {
-        table->prev->next = table->next;
-    } else {
-        QOR_ASSOC_tables = table->next;
-    }
-    if (table->next != nullptr) table->next->prev = table->prev;
+    unlink(QOR_ASSOC_tables, table);
     QOR_free(table->name);
     if (kt->table_free != nullptr) kt->table_free(kt, table, kt->table_size);
 }
@@ -585,9 +579,7 @@ QOR_ASSOC_scan *QOR_ASSOC_scan_create(QOR_ASSOC_table *table,
                                       void *client_data) {
     const QOR_ASSOC_key_type *kt = table->key_type;
     QOR_ASSOC_scan *s = kt->scan_alloc(table, kt->scan_size, client_data);
-    s->next = table->scans;
-    if (table->scans != nullptr) table->scans->prev = s;
-    table->scans = s;
+    push_front(table->scans, s);
     s->table = table;
     if (kt->scan_init != nullptr) kt->scan_init(table, s, client_data);
     if (table->trace) trace_line(table, "created scan");
@@ -597,12 +589,7 @@ QOR_ASSOC_scan *QOR_ASSOC_scan_create(QOR_ASSOC_table *table,
 void QOR_ASSOC_scan_destroy(QOR_ASSOC_scan *scan) {
     QOR_ASSOC_table *t = scan->table;
     if (t->trace) trace_line(t, "destroying scan");
-    if (scan->prev != nullptr) {
-        scan->prev->next = scan->next;
-    } else {
-        t->scans = scan->next;
-    }
-    if (scan->next != nullptr) scan->next->prev = scan->prev;
+    unlink(t->scans, scan);
     const QOR_ASSOC_key_type *kt = t->key_type;
     if (kt->scan_free != nullptr) kt->scan_free(t, scan, kt->scan_size);
 }

@@ -22,4 +22,25 @@ typedef QOR_TABLE_entry TableEntry __attribute__((aligned(4)));
 // The view of an entry handed in by a caller.
 inline Entry *piece(QOR_ASSOC_entry *e) { return e; }
 
+// The doubly linked lists of the containers (the table registry, a table's
+// scans, a table's sequences): newest at the head, linked through next and
+// prev, the head's prev null.
+template <class Node>
+inline void push_front(Node *&head, Node *node) {
+    node->next = head;
+    node->prev = nullptr;
+    if (head != nullptr) head->prev = node;
+    head = node;
+}
+
+template <class Node>
+inline void unlink(Node *&head, Node *node) {
+    if (node->prev != nullptr) {
+        node->prev->next = node->next;
+    } else {
+        head = node->next;
+    }
+    if (node->next != nullptr) node->next->prev = node->prev;
+}
+
 }  // namespace qor::containers

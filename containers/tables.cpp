@@ -38,6 +38,8 @@ namespace {
 
 using qor::containers::Table;
 using qor::containers::TableEntry;
+using qor::containers::push_front;
+using qor::containers::unlink;
 
 // The smallest table.
 constexpr uint64_t kMinBuckets = 2;
@@ -244,9 +246,11 @@ void QOR_TABLE_destroy(QOR_TABLE *table) {
 QOR_TABLE_SEQ *QOR_TABLE_SEQ_create(QOR_TABLE *table) {
     Table *t = table;
     auto *s = static_cast<QOR_TABLE_SEQ *>(QOR_SA_allocate(&sequence_pool));
-    s->next = t->sequences;
-    if (t->sequences != nullptr) t->sequences->prev = s;
-    t->sequences = s;
+    // The table may sit at 4-byte alignment: its list head is worked on
+    // as a copy, never through a reference to the field.
+    QOR_TABLE_SEQ *head = t->sequences;
+    push_front(head, s);
+    t->sequences = head;
     s->table = table;
     QOR_TABLE_SEQ_next(s);  // onto the first entry
     return s;
@@ -275,17 +279,14 @@ QOR_TABLE_entry *QOR_TABLE_SEQ_next(QOR_TABLE_SEQ *sequence) {
 
 void QOR_TABLE_SEQ_destroy(QOR_TABLE_SEQ *sequence) {
     // The record goes back first, so that a sequence closed twice is caught
-    // by the pool before the table's list is touched.
-    QOR_TABLE_SEQ *const next = sequence->next;
-    QOR_TABLE_SEQ *const prev = sequence->prev;
-    Table *t = sequence->table;
+    // by the pool before the table's list is touched. A released record
+    // keeps its contents (the pool has no release hook): its links are still
+    // there to unlink it.
     QOR_SA_release(&sequence_pool, sequence);
-    if (prev != nullptr) {
-        prev->next = next;
-    } else {
-        t->sequences = next;
-    }
-    if (next != nullptr) next->prev = prev;
+    Table *t = sequence->table;
+    QOR_TABLE_SEQ *head = t->sequences;
+    unlink(head, sequence);
+    t->sequences = head;
 }
 
 }  // extern "C"
