@@ -119,10 +119,13 @@ TEST_F(Command, TourShowsAnchorsAtWork) {
     const auto r = qor({"tour"});
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_NE(r.out.find("== Path namespace =="), std::string::npos);
-    EXPECT_NE(r.out.find("  root anchor          _/etc/f.txt          -> /opt/qor/etc/f.txt\n"),
+    EXPECT_NE(r.out.find("  root anchor          _/etc/f.txt          -> "
+                         "/opt/qor/etc/f.txt\n"),
               std::string::npos)
         << r.out;
-    EXPECT_NE(r.out.find("$(QOR_TOUR_DATA)/y   -> /srv/data/y\n  after a change       $(QOR_TOUR_DATA)/y   -> /srv/data/y\n"),
+    // The variable keeps its first value after a change.
+    EXPECT_NE(r.out.find("  after a change       $(QOR_TOUR_DATA)/y   -> "
+                         "/srv/data/y\n"),
               std::string::npos)
         << r.out;
 }
