@@ -161,35 +161,36 @@ void BM_qor_to_os(benchmark::State &state) {
 }
 BENCHMARK(BM_qor_to_os)->DenseRange(0, kCases - 1);
 
-// The first translation of a process: the anchor variable is read, parsed,
-// normalised and cached. Each iteration forks a child that times its own
-// first call.
-void BM_qor_to_absolute_qor_cold(benchmark::State &state) {
-    const Case &c = get_case(static_cast<int>(state.range(0)));
-    state.SetLabel(c.label);
+// Times fn's first call in a forked child, so that nothing of this process
+// is cached yet; negative when fn fails.
+template <class F>
+double first_call_ns(F fn) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        timespec a, b;
+        clock_gettime(CLOCK_MONOTONIC, &a);
+        char *r = fn();
+        clock_gettime(CLOCK_MONOTONIC, &b);
+        const double ns = (b.tv_sec - a.tv_sec) * 1e9 +
+                          static_cast<double>(b.tv_nsec - a.tv_nsec);
+        const double sent = r != nullptr ? ns : -1;
+        if (write(fds[1], &sent, sizeof sent) != sizeof sent) _exit(1);
+        _exit(0);
+    }
+    close(fds[1]);
+    double ns = -1;
+    if (read(fds[0], &ns, sizeof ns) != sizeof ns) ns = -1;
+    close(fds[0]);
+    waitpid(pid, nullptr, 0);
+    return ns;
+}
+
+template <class F>
+void run_cold(benchmark::State &state, F fn) {
     for (auto _ : state) {
-        int fds[2];
-        if (pipe(fds) != 0) {
-            state.SkipWithError("pipe");
-            break;
-        }
-        const pid_t pid = fork();
-        if (pid == 0) {
-            timespec a, b;
-            clock_gettime(CLOCK_MONOTONIC, &a);
-            char *r = QOR_qor_to_absolute_qor(c.qor.c_str());
-            clock_gettime(CLOCK_MONOTONIC, &b);
-            const double ns = (b.tv_sec - a.tv_sec) * 1e9 +
-                              static_cast<double>(b.tv_nsec - a.tv_nsec);
-            const double sent = r != nullptr ? ns : -1;
-            if (write(fds[1], &sent, sizeof sent) != sizeof sent) _exit(1);
-            _exit(0);
-        }
-        close(fds[1]);
-        double ns = -1;
-        if (read(fds[0], &ns, sizeof ns) != sizeof ns) ns = -1;
-        close(fds[0]);
-        waitpid(pid, nullptr, 0);
+        const double ns = first_call_ns(fn);
         if (ns < 0) {
             state.SkipWithError("translation failed");
             break;
@@ -197,37 +198,25 @@ void BM_qor_to_absolute_qor_cold(benchmark::State &state) {
         state.SetIterationTime(ns / 1e9);
     }
 }
+
+// The first translation of a process: the anchor variable is read, parsed,
+// normalised and cached.
+void BM_qor_to_absolute_qor_cold(benchmark::State &state) {
+    const Case &c = get_case(static_cast<int>(state.range(0)));
+    state.SetLabel(c.label);
+    run_cold(state, [&] { return QOR_qor_to_absolute_qor(c.qor.c_str()); });
+}
 BENCHMARK(BM_qor_to_absolute_qor_cold)
     ->DenseRange(0, kCases - 1)
     ->UseManualTime()
     ->Iterations(300);
 
-// The floor, on the same process's first call too, for comparison.
+// The floor's first call in a process, for comparison.
 void BM_floor_cold(benchmark::State &state) {
     const Case &c = get_case(static_cast<int>(state.range(0)));
     state.SetLabel(c.label);
-    for (auto _ : state) {
-        int fds[2];
-        if (pipe(fds) != 0) break;
-        const pid_t pid = fork();
-        if (pid == 0) {
-            timespec a, b;
-            clock_gettime(CLOCK_MONOTONIC, &a);
-            char *r = floor_normalise(c.base.c_str(), c.host.c_str());
-            clock_gettime(CLOCK_MONOTONIC, &b);
-            const double ns = (b.tv_sec - a.tv_sec) * 1e9 +
-                              static_cast<double>(b.tv_nsec - a.tv_nsec);
-            benchmark::DoNotOptimize(r);
-            if (write(fds[1], &ns, sizeof ns) != sizeof ns) _exit(1);
-            _exit(0);
-        }
-        close(fds[1]);
-        double ns = 0;
-        if (read(fds[0], &ns, sizeof ns) != sizeof ns) ns = 0;
-        close(fds[0]);
-        waitpid(pid, nullptr, 0);
-        state.SetIterationTime(ns / 1e9);
-    }
+    run_cold(state,
+             [&] { return floor_normalise(c.base.c_str(), c.host.c_str()); });
 }
 BENCHMARK(BM_floor_cold)
     ->DenseRange(0, kCases - 1)
