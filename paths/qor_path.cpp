@@ -426,7 +426,9 @@ bool special_value(int index, const char *raw, char *buffer) {
 
 PathVariable *resolve_variable(const char *name) {
     if (PathVariable *cached = find_variable(name)) return cached;
-    char *raw = QOR_getenv(name);
+    // Read into the conversion's scratch: nothing to free on any exit, a
+    // fatal error's included.
+    const char *raw = QOR_SH_getenv(name);
     if (raw == nullptr) {
         fail();
         return nullptr;
@@ -452,7 +454,6 @@ PathVariable *resolve_variable(const char *name) {
         v->next = g_variables;
         g_variables = v;
     }
-    QOR_free(raw);
     return v;
 }
 
