@@ -26,20 +26,7 @@ struct Record {
     char text[16];
 };  // 24 bytes
 
-// Arms the fatal handler and runs fn; returns the value of the jump (or -1
-// when fn returned).
-template <class F>
-int catch_fatal(F fn) {
-    static volatile int value;
-    value = setjmp(QOR_fatal_handler);
-    if (value == 0) {
-        QOR_exception_handler_state = 1;
-        fn();
-        value = -1;
-    }
-    QOR_exception_handler_state = 0;
-    return value;
-}
+using qor_test::catch_fatal;
 
 std::string dump_of(QOR_SA_allocator *sa, int verbose) {
     qor_test::StderrCapture capture;
