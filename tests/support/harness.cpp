@@ -13,6 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#define VALGRIND_DISABLE_ERROR_REPORTING
+#endif
+
 #include <fstream>
 #include <sstream>
 
@@ -67,6 +74,7 @@ ChildResult run_child(const std::function<void()> &fn, bool drop) {
         // Children mostly test fatal paths, which end the process through
         // exit(3) with blocks still held by design; those are not leaks.
         if (__lsan_disable != nullptr) __lsan_disable();
+        if (RUNNING_ON_VALGRIND) VALGRIND_DISABLE_ERROR_REPORTING;
         fn();
         exit(0);
     }
@@ -141,6 +149,8 @@ ChildResult run_in_child(const std::function<void()> &fn) {
 ChildResult run_as_unprivileged(const std::function<void()> &fn) {
     return run_child(fn, true);
 }
+
+bool under_valgrind() { return RUNNING_ON_VALGRIND != 0; }
 
 uid_t unprivileged_uid() {
     struct passwd *pw = getpwnam("nobody");

@@ -31,6 +31,10 @@ ChildResult run_in_child(const std::function<void()> &fn);
 // As run_in_child, but the child first drops to an unprivileged user and
 // group (nobody/nogroup), so that permission checks really apply.
 ChildResult run_as_unprivileged(const std::function<void()> &fn);
+// True when the program runs under valgrind, whose allocator keeps freed
+// blocks out of circulation and replaces the program's own.
+bool under_valgrind();
+
 // The user and group that run_as_unprivileged switches to.
 uid_t unprivileged_uid();
 gid_t unprivileged_gid();
