@@ -270,6 +270,25 @@ TEST(StaticAllocator, PointerIntoTheMiddleOfARecordReleasesThatRecord) {
     EXPECT_EQ(QOR_SA_allocate(pool.get()), r[2]);
 }
 
+TEST(StaticAllocator, ReleaseFindsEveryRecordWhateverTheStructureSize) {
+    for (uint32_t size : {1u, 3u, 7u, 24u, 48u, 100u, 4099u}) {
+        SCOPED_TRACE(size);
+        QOR_SA_allocator sa;
+        QOR_SA_initialise(&sa, size, 64, 128, nullptr, nullptr);
+        std::vector<char *> r;
+        for (int i = 0; i < 64 + 128 + 5; ++i)
+            r.push_back(static_cast<char *>(QOR_SA_allocate(&sa)));
+        // Through the last byte of each record, the highest index first.
+        for (int i = static_cast<int>(r.size()) - 1; i >= 0; --i) {
+            QOR_SA_release(&sa, r[i] + size - 1);
+            ASSERT_EQ(sa.first_free_hint, static_cast<uint32_t>(i));
+            ASSERT_EQ((sa.bitmaps[i / 64] >> (i % 64)) & 1u, 1u);
+        }
+        EXPECT_EQ(sa.free_entries, 64u + 128 + 128);
+        QOR_SA_destroy(&sa);
+    }
+}
+
 TEST(StaticAllocator, HooksSeeEveryRecordHandedOutAndTakenBack) {
     hook_calls.clear();
     Pool pool(sizeof(Record), 64, 64, recording_hook, nullptr);
