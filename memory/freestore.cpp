@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "foundation/internal.h"
+#include "foundation/join_strings.h"
 #include "qor/memory.h"
 
 // The public records are part of the interface: their layout is fixed.
@@ -41,10 +42,6 @@ constexpr const char kUnit[] = "freestore";
 
 // The chunk header; the dump calls it the chunk overhead.
 constexpr uint32_t kHeader = sizeof(QOR_FS_chunk);
-
-// Strings whose lengths the concatenation measures once and remembers: the
-// first and the 31 after it. Later ones are measured again while copying.
-constexpr int kMeasuredStrings = 32;
 
 inline char *data_at(QOR_FS_chunk *chunk, uint32_t offset) {
     return reinterpret_cast<char *>(chunk) + offset;
@@ -159,41 +156,14 @@ void free_oversized(QOR_FS_allocator *fs, QOR_FS_chunk *after,
     QOR_output_message(qor::kSet, 2501, QOR_MSG_INFORMATION, nullptr);
 }
 
-// The concatenation of s1 and the strings in `rest` up to a null, in one
-// new piece. s1 is never null here.
+// The concatenation of s1 (not null) and the strings in `rest` up to a
+// null, in one new piece.
 char *cat_list(QOR_FS_allocator *fs, const char *s1, va_list rest) {
-    size_t lengths[kMeasuredStrings];
-    lengths[0] = strlen(s1);
-    size_t total = lengths[0];
-    int count = 1;
-    va_list args;
-    va_copy(args, rest);
-    for (const char *s = va_arg(args, const char *); s != nullptr;
-         s = va_arg(args, const char *)) {
-        const size_t n = strlen(s);
-        if (count < kMeasuredStrings) lengths[count] = n;
-        total += n;
-        ++count;
-    }
-    va_end(args);
-    QOR_ASSERT(total < UINT32_MAX, kUnit,
-               "QOR_FS_cat_strings called to join too many bytes");
-
-    char *result =
-        static_cast<char *>(allocate(fs, static_cast<uint32_t>(total + 1)));
-    char *out = result;
-    memcpy(out, s1, lengths[0]);
-    out += lengths[0];
-    va_copy(args, rest);
-    for (int i = 1; i < count; ++i) {
-        const char *s = va_arg(args, const char *);
-        const size_t n = i < kMeasuredStrings ? lengths[i] : strlen(s);
-        memcpy(out, s, n);
-        out += n;
-    }
-    va_end(args);
-    *out = '\0';
-    return result;
+    return qor::join_strings(s1, rest, [fs](size_t bytes) {
+        QOR_ASSERT(bytes <= UINT32_MAX, kUnit,
+                   "QOR_FS_cat_strings called to join too many bytes");
+        return allocate(fs, static_cast<uint32_t>(bytes));
+    });
 }
 
 }  // namespace
