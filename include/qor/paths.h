@@ -1,4 +1,39 @@
-/* libqor paths. */
+/* libqor path namespace: qor paths and their translation to and from host
+ * (OS) paths, environment variables, the current and temporary directories
+ * and temporary object names.
+ *
+ * A qor path is absolute once resolved. It may start at the host root ("/")
+ * or at an anchor:
+ *   "_"          the value of QOR_ROOT
+ *   "#"          the value of QOR_HASH
+ *   "~"          the value of HOME
+ *   ".0"         the current directory
+ *   "$(NAME)"    the value of the environment variable NAME
+ *   "@host/path" the rest of the text is a host path
+ * An anchor anywhere in a path restarts it, and so does an empty component:
+ * "/a/_/b" is "_/b", "/a//b" is "/b" and "/a/" is "/". Each anchor variable
+ * is read once, at its first use, and keeps that value for the life of the
+ * process.
+ *
+ * Ownership: a function whose name contains _SH_ returns its result in the
+ * shared freestore QOR_SH_fs_allocator; it stays valid until the caller
+ * restores that freestore to a mark taken before the call. Its twin without
+ * _SH_ returns a copy in basic space that the caller frees with QOR_free.
+ * A conversion leaves the shared freestore as it found it, apart from an
+ * _SH_ result.
+ *
+ * Failures: every conversion answers null on failure (null or empty input,
+ * a relative qor path, ".." above a root, a bare drive such as "C:", an unset
+ * anchor variable, a current directory that cannot be read, a path or result
+ * longer than QOR_PATH_MAX characters) and records and prints nothing.
+ *
+ * The render mode argument is an object type code (or 0 or 1) and changes
+ * nothing on this host; QOR_qor_to_os_dir and QOR_qor_to_os give the same
+ * text, the first is meant for directories and the second for files.
+ *
+ * None of this is thread-safe: the anchor cache and the shared freestore are
+ * process-wide.
+ */
 #ifndef QOR_PATHS_H
 #define QOR_PATHS_H
 
@@ -8,6 +43,98 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* Longest path text, input or result, that the translations handle; longer
+ * ones fail. */
+#define QOR_PATH_MAX 4096
+
+/* Forms of QOR_concat_os_paths. */
+enum {
+    QOR_FORM_OS = 0,  /* the result is an OS path */
+    QOR_FORM_QOR = 1  /* the result is a qor path */
+};
+
+/* ---- Path syntax and translation --------------------------------------- */
+
+/* 1 when text has the outward form of a qor path ("/...", "_", "_/...",
+ * "#", "~", ".0", ".0/...", "$(...", "@..."), else 0. The closing ")" of a
+ * "$(" is not checked. */
+QOR_API int QOR_is_qor_path(const char *text);
+
+/* Compares two OS names byte by byte, as strcmp. */
+QOR_API int QOR_compare_os_names(const char *a, const char *b);
+
+/* OS path (relative ones taken against the current directory) to a
+ * normalised absolute qor path. */
+QOR_API char *QOR_os_to_qor(const char *os_path);
+QOR_API char *QOR_SH_os_to_qor(const char *os_path);
+
+/* The text of a symbolic link as a qor link name: split at "/" and joined
+ * again, neither normalised nor resolved (a relative link stays relative).
+ * An empty text gives an empty string. */
+QOR_API char *QOR_os_to_qor_linkname(const char *os_path);
+QOR_API char *QOR_SH_os_to_qor_linkname(const char *os_path);
+
+/* base (resolved against the current directory) with tail appended, then
+ * normalised; the tail is always relative, even when it starts with "/".
+ * form is QOR_FORM_OS or QOR_FORM_QOR; any other form fails. */
+QOR_API char *QOR_concat_os_paths(const char *base, const char *tail,
+                                  unsigned int render_mode,
+                                  unsigned int form);
+QOR_API char *QOR_SH_concat_os_paths(const char *base, const char *tail,
+                                     unsigned int render_mode,
+                                     unsigned int form);
+
+/* qor path to a normalised absolute qor path, every anchor and embedded host
+ * path expanded. */
+QOR_API char *QOR_qor_to_absolute_qor(const char *qor_path);
+QOR_API char *QOR_SH_qor_to_absolute_qor(const char *qor_path);
+
+/* qor path of a directory to an absolute OS path. */
+QOR_API char *QOR_qor_to_os_dir(const char *qor_path);
+QOR_API char *QOR_SH_qor_to_os_dir(const char *qor_path);
+
+/* qor path to an absolute OS path. An embedded host path ("@...") is copied
+ * as it is written. */
+QOR_API char *QOR_qor_to_os(const char *qor_path, unsigned int render_mode);
+QOR_API char *QOR_SH_qor_to_os(const char *qor_path,
+                               unsigned int render_mode);
+
+/* The absolute qor path of a directory, "/", then the entry name: "/" and
+ * "x" give "//x". */
+QOR_API char *QOR_composite_path(const char *dir_path, const char *name);
+QOR_API char *QOR_SH_composite_path(const char *dir_path, const char *name);
+
+/* ---- Environment, current directory, temporary names ------------------- */
+
+/* The value of a variable, or null when name is null or it is unset. */
+QOR_API char *QOR_getenv(const char *name);
+QOR_API char *QOR_SH_getenv(const char *name);
+
+/* Sets name=value in the environment; 0 on success. A null argument records
+ * EINVAL with context 2130 and returns its status (2070); a failing putenv
+ * is fatal (2011). Anchor variables already used keep their first value. */
+QOR_API int QOR_putenv(const char *name, const char *value);
+
+/* qor path of the current directory: what ".0" translates to. */
+QOR_API char *QOR_current_directory(void);
+QOR_API char *QOR_SH_current_directory(void);
+
+/* qor path of the temporary directory: QOR_TMP (relative values taken
+ * against the current directory), else "/tmp". */
+QOR_API char *QOR_temporary_directory(void);
+QOR_API char *QOR_SH_temporary_directory(void);
+
+/* qor path of a temporary file (is_directory 0) or directory that does not
+ * exist at the time of the call: prefix (may be null), a letter, the five
+ * lowest decimal digits of the process id, ".", suffix (may be null), in the
+ * temporary directory. Null when no such name is free (26 letters tried) or
+ * a translation fails. Nothing is created. */
+QOR_API char *QOR_temporary_object_name(const char *prefix, int is_directory,
+                                        const char *suffix);
+QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
+                                           int is_directory,
+                                           const char *suffix);
 
 #ifdef __cplusplus
 }
