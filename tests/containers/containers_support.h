@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "harness.h"
 
 namespace containers_test {
@@ -64,6 +66,24 @@ inline std::string long_line(QOR_ASSOC_entry *e, int bucket) {
     return hex(l->hash) + "\t" + std::to_string(bucket) + "\t(" +
            hex(l->hash) + ", " + std::to_string(static_cast<long>(l->hash)) +
            "): " + hex(l->value) + "\n";
+}
+
+// The hooks every key type of the library shares: default bucket arrays,
+// table records and scans, no init hooks, tracing off. The rest is the
+// caller's to check.
+inline void expect_library_hooks(const QOR_ASSOC_key_type *k) {
+    ASSERT_NE(k, nullptr);
+    EXPECT_EQ(k->entry_init, nullptr);
+    EXPECT_EQ(k->hash_alloc, &QOR_ASSOC_hash_alloc);
+    EXPECT_EQ(k->hash_free, &QOR_ASSOC_hash_free);
+    EXPECT_EQ(k->table_alloc, &QOR_ASSOC_table_alloc);
+    EXPECT_EQ(k->table_init, nullptr);
+    EXPECT_EQ(k->table_free, &QOR_ASSOC_table_free);
+    EXPECT_EQ(k->scan_alloc, &QOR_ASSOC_scan_alloc);
+    EXPECT_EQ(k->scan_init, nullptr);
+    EXPECT_EQ(k->scan_free, &QOR_ASSOC_scan_free);
+    EXPECT_EQ(k->scan_size, sizeof(QOR_ASSOC_scan));
+    EXPECT_EQ(k->trace, 0);
 }
 
 // TABLE records and entries are pieces of a freestore, aligned to 4 bytes
