@@ -6,13 +6,11 @@
 #include <string.h>
 
 #include "foundation/internal.h"
+#include "foundation/join_strings.h"
 
 namespace {
 
 constexpr const char kUnit[] = "basic_space";
-
-// Number of leading texts whose lengths QOR_cat_strings measures only once.
-constexpr int kMeasuredTexts = 32;
 
 void *checked(void *p) {
     if (p == nullptr) qor::out_of_memory();
@@ -87,37 +85,12 @@ QOR_API void *QOR_copy_memory(const void *block, uint32_t length) {
 
 QOR_API char *QOR_cat_strings(const char *first, ...) {
     if (first == nullptr) return QOR_copy_string(nullptr);
-
-    // The first text and the 31 after it are measured once and remembered;
-    // any later ones are measured again while copying.
-    size_t lengths[kMeasuredTexts];
-    lengths[0] = strlen(first);
-    size_t total = lengths[0] + 1;
-    int count = 1;
-    va_list args;
-    va_start(args, first);
-    for (const char *s = va_arg(args, const char *); s != nullptr;
-         s = va_arg(args, const char *)) {
-        const size_t n = strlen(s);
-        if (count < kMeasuredTexts) lengths[count] = n;
-        total += n;
-        ++count;
-    }
-    va_end(args);
-
-    char *result = static_cast<char *>(QOR_malloc(static_cast<int32_t>(total)));
-    char *out = result;
-    memcpy(out, first, lengths[0]);
-    out += lengths[0];
-    va_start(args, first);
-    for (int i = 1; i < count; ++i) {
-        const char *s = va_arg(args, const char *);
-        const size_t n = i < kMeasuredTexts ? lengths[i] : strlen(s);
-        memcpy(out, s, n);
-        out += n;
-    }
-    va_end(args);
-    *out = '\0';
+    va_list rest;
+    va_start(rest, first);
+    char *result = qor::join_strings(first, rest, [](size_t bytes) {
+        return QOR_malloc(static_cast<int32_t>(bytes));
+    });
+    va_end(rest);
     return result;
 }
 

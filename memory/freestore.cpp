@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "foundation/internal.h"
+#include "foundation/join_strings.h"
 #include "qor/memory.h"
 
 // The public records are part of the interface: their layout is fixed.
@@ -41,10 +42,6 @@ constexpr const char kUnit[] = "freestore";
 
 // The chunk header; the dump calls it the chunk overhead.
 constexpr uint32_t kHeader = sizeof(QOR_FS_chunk);
-
-// Strings whose lengths the concatenation measures once and remembers: the
-// first and the 31 after it. Later ones are measured again while copying.
-constexpr int kMeasuredStrings = 32;
 
 inline char *data_at(QOR_FS_chunk *chunk, uint32_t offset) {
     return reinterpret_cast<char *>(chunk) + offset;
@@ -86,6 +83,48 @@ void *new_chunk(QOR_FS_allocator *fs, uint64_t bytes, uint32_t piece) {
     return data_at(chunk, kHeader);
 }
 
+// The piece when it does not fit the current chunk: an oversized chunk, the
+// next kept chunk, or a new standard chunk. Kept out of line so that the
+// common case below stays a leaf function with nothing to save.
+__attribute__((noinline)) void *allocate_elsewhere(QOR_FS_allocator *fs,
+                                                   uint64_t rounded) {
+    if (rounded > fs->chunk_size) {
+        // Checked before counting, so a refused request leaves no trace.
+        QOR_ASSERT(rounded + kHeader <= INT32_MAX, kUnit,
+                   "QOR_FS_malloc called to allocate too many bytes");
+        fs->oversized_count += 1;
+        return new_chunk(fs, rounded + kHeader,
+                         static_cast<uint32_t>(rounded));
+    }
+    const uint32_t piece = static_cast<uint32_t>(rounded);
+    QOR_FS_chunk *current = fs->current_chunk;
+    if (current != nullptr && current->next != nullptr) {
+        QOR_FS_chunk *kept = current->next;
+        if (clearing(fs)) clear_range(kept, kHeader, kept->used);
+        kept->used = kHeader + piece;
+        fs->current_chunk = kept;
+        return data_at(kept, kHeader);
+    }
+    return new_chunk(fs, uint64_t{fs->chunk_size} + kHeader, piece);
+}
+
+// Allocation proper, shared by every operation here so that none of them
+// pays for a call through the exported entry point.
+inline void *allocate(QOR_FS_allocator *fs, uint32_t size) {
+    if (size == 0) return nullptr;
+    // Pieces keep 4-byte alignment only, whatever they will hold. Kept in
+    // 64 bits: a size near 4 GiB must not wrap to a small one.
+    const uint64_t rounded = (static_cast<uint64_t>(size) + 3) & ~uint64_t{3};
+    QOR_FS_chunk *current = fs->current_chunk;
+    if (__builtin_expect(
+            current != nullptr && current->used + rounded <= current->size, 1)) {
+        void *p = data_at(current, current->used);
+        current->used += static_cast<uint32_t>(rounded);
+        return p;
+    }
+    return allocate_elsewhere(fs, rounded);
+}
+
 // Unlinks and frees `count` oversized chunks, searching the chain after
 // `after` (from the head when null). Running out of chain means the count
 // was wrong: it is repaired and message 2501 reported.
@@ -117,41 +156,14 @@ void free_oversized(QOR_FS_allocator *fs, QOR_FS_chunk *after,
     QOR_output_message(qor::kSet, 2501, QOR_MSG_INFORMATION, nullptr);
 }
 
-// The concatenation of s1 and the strings in `rest` up to a null, in one
-// new piece. s1 is never null here.
+// The concatenation of s1 (not null) and the strings in `rest` up to a
+// null, in one new piece.
 char *cat_list(QOR_FS_allocator *fs, const char *s1, va_list rest) {
-    size_t lengths[kMeasuredStrings];
-    lengths[0] = strlen(s1);
-    size_t total = lengths[0];
-    int count = 1;
-    va_list args;
-    va_copy(args, rest);
-    for (const char *s = va_arg(args, const char *); s != nullptr;
-         s = va_arg(args, const char *)) {
-        const size_t n = strlen(s);
-        if (count < kMeasuredStrings) lengths[count] = n;
-        total += n;
-        ++count;
-    }
-    va_end(args);
-    QOR_ASSERT(total < UINT32_MAX, kUnit,
-               "QOR_FS_cat_strings called to join too many bytes");
-
-    char *result =
-        static_cast<char *>(QOR_FS_malloc(fs, static_cast<uint32_t>(total + 1)));
-    char *out = result;
-    memcpy(out, s1, lengths[0]);
-    out += lengths[0];
-    va_copy(args, rest);
-    for (int i = 1; i < count; ++i) {
-        const char *s = va_arg(args, const char *);
-        const size_t n = i < kMeasuredStrings ? lengths[i] : strlen(s);
-        memcpy(out, s, n);
-        out += n;
-    }
-    va_end(args);
-    *out = '\0';
-    return result;
+    return qor::join_strings(s1, rest, [fs](size_t bytes) {
+        QOR_ASSERT(bytes <= UINT32_MAX, kUnit,
+                   "QOR_FS_cat_strings called to join too many bytes");
+        return allocate(fs, static_cast<uint32_t>(bytes));
+    });
 }
 
 }  // namespace
@@ -170,39 +182,13 @@ QOR_API void QOR_FS_initialise(QOR_FS_allocator *fs, uint32_t chunk_size,
 }
 
 QOR_API void *QOR_FS_malloc(QOR_FS_allocator *fs, uint32_t size) {
-    if (size == 0) return nullptr;
-    // Pieces keep 4-byte alignment only, whatever they will hold.
-    // Kept in 64 bits: a size near 4 GiB must not wrap to a small one.
-    const uint64_t rounded = (static_cast<uint64_t>(size) + 3) & ~uint64_t{3};
-    QOR_FS_chunk *current = fs->current_chunk;
-    if (current != nullptr && current->used + rounded <= current->size) {
-        void *p = data_at(current, current->used);
-        current->used += static_cast<uint32_t>(rounded);
-        return p;
-    }
-    if (rounded > fs->chunk_size) {
-        // Checked before counting, so a refused request leaves no trace.
-        QOR_ASSERT(rounded + kHeader <= INT32_MAX, kUnit,
-                   "QOR_FS_malloc called to allocate too many bytes");
-        fs->oversized_count += 1;
-        return new_chunk(fs, rounded + kHeader,
-                         static_cast<uint32_t>(rounded));
-    }
-    const uint32_t piece = static_cast<uint32_t>(rounded);
-    if (current != nullptr && current->next != nullptr) {
-        QOR_FS_chunk *kept = current->next;
-        if (clearing(fs)) clear_range(kept, kHeader, kept->used);
-        kept->used = kHeader + piece;
-        fs->current_chunk = kept;
-        return data_at(kept, kHeader);
-    }
-    return new_chunk(fs, uint64_t{fs->chunk_size} + kHeader, piece);
+    return allocate(fs, size);
 }
 
 QOR_API void *QOR_FS_calloc(QOR_FS_allocator *fs, uint32_t count,
                             uint32_t size) {
     const uint32_t bytes = count * size;  // 32-bit product, as documented
-    void *p = QOR_FS_malloc(fs, bytes);
+    void *p = allocate(fs, bytes);
     if (p != nullptr && !clearing(fs)) memset(p, 0, bytes);
     return p;
 }
@@ -212,15 +198,16 @@ QOR_API char *QOR_FS_copy_string(QOR_FS_allocator *fs, const char *s) {
     const size_t n = strlen(s) + 1;
     QOR_ASSERT(n <= UINT32_MAX, kUnit,
                "QOR_FS_copy_string called with too long a string");
-    return static_cast<char *>(
-        QOR_FS_copy_memory(fs, s, static_cast<uint32_t>(n)));
+    void *copy = allocate(fs, static_cast<uint32_t>(n));
+    memcpy(copy, s, n);
+    return static_cast<char *>(copy);
 }
 
 QOR_API void *QOR_FS_copy_memory(QOR_FS_allocator *fs, const void *p,
                                  uint32_t n) {
     if (p == nullptr) return nullptr;
-    if (n == 0) return QOR_FS_malloc(fs, 1);  // content left unset
-    void *copy = QOR_FS_malloc(fs, n);
+    if (n == 0) return allocate(fs, 1);  // content left unset
+    void *copy = allocate(fs, n);
     memcpy(copy, p, n);
     return copy;
 }

@@ -51,10 +51,6 @@ uint32_t round_to_word(uint32_t entries) {
     return (entries + kBits - 1) & ~(kBits - 1);
 }
 
-inline uint32_t block_records(const QOR_SA_allocator *sa, uint32_t block) {
-    return block == 0 ? sa->initial_entries : sa->extension_entries;
-}
-
 uint32_t total_records(const QOR_SA_allocator *sa) {
     if (sa->blocks_in_use == 0) return 0;
     return (sa->blocks_in_use - 1) * sa->extension_entries +
@@ -65,33 +61,100 @@ inline bool is_free(const QOR_SA_allocator *sa, uint32_t index) {
     return (sa->bitmaps[index / kBits] >> (index % kBits)) & 1u;
 }
 
+// n / d and n % d, by a shift when d is a power of two, as block counts
+// usually are: a division costs more than the rest of an allocation.
+inline void divide(uint32_t n, uint32_t d, uint32_t *quotient,
+                   uint32_t *remainder) {
+    if ((d & (d - 1)) == 0) {
+        *quotient = n >> __builtin_ctz(d);
+        *remainder = n & (d - 1);
+    } else {
+        *quotient = n / d;
+        *remainder = n % d;
+    }
+}
+
+// Division by the structure size is the dearest step of a release. It is
+// done by multiplying with a reciprocal (exact for every 32-bit dividend),
+// worked out again only when the size differs from the last one seen.
+struct Reciprocal {
+    uint32_t divisor;
+    uint64_t multiplier;  // 2^64 / divisor, rounded up
+};
+constinit Reciprocal last_reciprocal = {0, 0};
+
+// Byte offset in a block to record position.
+inline uint32_t position_of(uint64_t offset, uint32_t structure_size) {
+    if (offset > UINT32_MAX) {
+        return static_cast<uint32_t>(offset / structure_size);
+    }
+    const uint32_t n = static_cast<uint32_t>(offset);
+    if ((structure_size & (structure_size - 1)) == 0) {
+        return n >> __builtin_ctz(structure_size);
+    }
+    if (last_reciprocal.divisor != structure_size) {
+        last_reciprocal = {structure_size, UINT64_MAX / structure_size + 1};
+    }
+    __extension__ using u128 = unsigned __int128;
+    return static_cast<uint32_t>(
+        (static_cast<u128>(last_reciprocal.multiplier) * n) >> 64);
+}
+
 void *record_at(const QOR_SA_allocator *sa, uint32_t index) {
     uint32_t block = 0;
     uint32_t position = index;
     if (index >= sa->initial_entries) {
-        block = 1 + (index - sa->initial_entries) / sa->extension_entries;
-        position = (index - sa->initial_entries) % sa->extension_entries;
+        divide(index - sa->initial_entries, sa->extension_entries, &block,
+               &position);
+        block += 1;
     }
     return static_cast<char *>(sa->blocks[block]) +
            uint64_t{position} * sa->structure_size;
 }
 
-// The index of the record that `p` points into, found by searching the
-// blocks in order. False when p lies in none of them. Addresses are compared
-// as integers: p may belong to anything at all.
+// The block where the last lookup succeeded, and whose allocator: records
+// are mostly released soon after they are taken, from the same block. Only
+// a hint: it is checked against the allocator's current blocks before use,
+// so a stale one costs nothing but the linear search.
+struct BlockHint {
+    const QOR_SA_allocator *sa;
+    uint32_t block;
+};
+constinit BlockHint last_block = {nullptr, 0};
+
+// Is address within `block`? Sets the record's index when it is. Addresses
+// are compared as integers, since p may belong to anything at all: one below
+// the block wraps round to a huge offset and fails the range test as well.
+inline bool in_block(const QOR_SA_allocator *sa, uintptr_t address,
+                     uint32_t block, uint32_t *index) {
+    const uint64_t offset =
+        address - reinterpret_cast<uintptr_t>(sa->blocks[block]);
+    const uint64_t size = sa->structure_size;
+    if (block == 0) {
+        if (offset >= sa->initial_entries * size) return false;
+        *index = position_of(offset, sa->structure_size);
+        return true;
+    }
+    if (offset >= sa->extension_entries * size) return false;
+    *index = sa->initial_entries + (block - 1) * sa->extension_entries +
+             position_of(offset, sa->structure_size);
+    return true;
+}
+
+// The index of the record that `p` points into: the blocks are searched in
+// order (after a look at the block of the last lookup). False when p lies in
+// none of them.
 bool index_of(const QOR_SA_allocator *sa, const void *p, uint32_t *index) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(p);
-    uint32_t first = 0;
+    if (last_block.sa == sa && last_block.block < sa->blocks_in_use &&
+        in_block(sa, address, last_block.block, index)) {
+        return true;
+    }
     for (uint32_t block = 0; block < sa->blocks_in_use; ++block) {
-        const uint32_t records = block_records(sa, block);
-        const uintptr_t start = reinterpret_cast<uintptr_t>(sa->blocks[block]);
-        const uint64_t bytes = uint64_t{records} * sa->structure_size;
-        if (address >= start && address - start < bytes) {
-            *index = first + static_cast<uint32_t>((address - start) /
-                                                   sa->structure_size);
+        if (in_block(sa, address, block, index)) {
+            last_block = {sa, block};
             return true;
         }
-        first += records;
     }
     return false;
 }
@@ -131,7 +194,8 @@ T *grow(T *array, uint32_t entries) {
     return static_cast<T *>(p);
 }
 
-void add_block(QOR_SA_allocator *sa) {
+// Rare, so kept out of line: allocation itself stays small.
+__attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
     const bool first = sa->blocks == nullptr;
     if (first) {
         sa->initial_entries = round_to_word(sa->initial_entries);
@@ -192,7 +256,7 @@ QOR_API void QOR_SA_initialise(QOR_SA_allocator *sa, uint32_t structure_size,
 
 QOR_API void *QOR_SA_allocate(QOR_SA_allocator *sa) {
     // An allocator that is static data, or destroyed, sets itself up here.
-    if (sa->free_entries == 0) add_block(sa);
+    if (__builtin_expect(sa->free_entries == 0, 0)) add_block(sa);
 
     // Blocks hold whole words, so the records end on a word boundary.
     const uint32_t words = total_records(sa) / kBits;
@@ -201,12 +265,10 @@ QOR_API void *QOR_SA_allocate(QOR_SA_allocator *sa) {
         word < words
             ? sa->bitmaps[word] & (kAllFree << (sa->first_free_hint % kBits))
             : 0;
-    while (free_bits == 0) {
-        ++word;
-        QOR_ASSERT(word < words, kUnit,
-                   "QOR_SA_allocate found its free count wrong");
-        free_bits = sa->bitmaps[word];
-    }
+    const uint64_t *bitmaps = sa->bitmaps;
+    while (free_bits == 0 && ++word < words) free_bits = bitmaps[word];
+    QOR_ASSERT(free_bits != 0, kUnit,
+               "QOR_SA_allocate found its free count wrong");
     const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
     sa->bitmaps[word] &= ~(uint64_t{1} << bit);
     const uint32_t index = word * kBits + bit;

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs the path fuzz target for a bounded time: run.sh [SECONDS] [BUILD_DIR]
-# Builds it first (clang, ASan and UBSan) unless BUILD_DIR already has it.
+# Builds it first (clang, ASan and UBSan), or brings BUILD_DIR up to date.
 # New inputs go to a scratch corpus; the seeds in corpus/ are only read.
 set -eu
 seconds=${1:-60}
@@ -8,12 +8,13 @@ here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 build=${2:-$src/build-fuzz}
 target=$build/tests/fuzz/fuzz_paths
-if [ ! -x "$target" ]; then
+if [ ! -f "$build/CMakeCache.txt" ]; then
     CC=clang CXX=clang++ cmake -S "$src" -B "$build" -G Ninja \
         -DQOR_FUZZ=ON -DQOR_SANITIZE=address,undefined \
         -DQOR_BUILD_TESTS=OFF -DQOR_BUILD_TOOLS=OFF >/dev/null
-    cmake --build "$build" --target fuzz_paths
 fi
+# Always brought up to date, so a stale target never fuzzes old code.
+cmake --build "$build" --target fuzz_paths >/dev/null
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT INT TERM
 cd "$scratch"

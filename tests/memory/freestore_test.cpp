@@ -727,56 +727,45 @@ void fill_mixed(QOR_FS_allocator *fs) {
     QOR_FS_restore(fs, &mark);
 }
 
+// The dump of fill_mixed's freestore: its head, the verbose list of used
+// chunks, and the figures.
+std::string mixed_head(const char *options) {
+    return std::string("*** Dump of Freestore Allocator ***\n\n"
+                       "Standard Chunk Size        : 80\t(Basic Size : 64, "
+                       "Chunk Overhead : 16)\n"
+                       "Options                    : ") +
+           options +
+           "\n"
+           "Oversized Chunk Count      : 1\n\n";
+}
+const char kMixedUsedStorage[] =
+    "\tUsed Storage :\n\t--------------\n"
+    "\t\tChunk\tSize\tUsed\tFree\n"
+    "\t\t1\t64\t12\t52\n"
+    "\t\t2\t100\t100\t0\n"
+    "\t\t3\t64\t20\t44\n"
+    "\n";
+const char kMixedFigures[] =
+    "Number of Used Chunks      : 3\n"
+    "Used Chunk Space Allocated : 276\t(Basic : 228, Overhead : 48)\n\n"
+    "Number of Free Chunks      : 2\n"
+    "Free Chunk Space Allocated : 160\t(Basic : 128, Overhead : 32)\n\n"
+    "Total Number of Chunks     : 5\n"
+    "Total Space Allocated      : 436\t(Basic : 356, Overhead : 80)\n"
+    "Total Basic Space Usage    :\t(Used : 132, Wasted : 52, Free : 172)\n\n"
+    "*** Finished Dump of Freestore Allocator ***\n";
+
 TEST(FreestoreDump, UsedFreeAndOversizedChunksVerbose) {
     Freestore fs(64, 0);
     fill_mixed(fs.get());
     EXPECT_EQ(dump_of(fs.get(), 1),
-              "*** Dump of Freestore Allocator ***\n\n"
-              "Standard Chunk Size        : 80\t(Basic Size : 64, Chunk "
-              "Overhead : 16)\n"
-              "Options                    : 0x0\n"
-              "Oversized Chunk Count      : 1\n\n"
-              "\tUsed Storage :\n\t--------------\n"
-              "\t\tChunk\tSize\tUsed\tFree\n"
-              "\t\t1\t64\t12\t52\n"
-              "\t\t2\t100\t100\t0\n"
-              "\t\t3\t64\t20\t44\n"
-              "\n"
-              "Number of Used Chunks      : 3\n"
-              "Used Chunk Space Allocated : 276\t(Basic : 228, Overhead : "
-              "48)\n\n"
-              "Number of Free Chunks      : 2\n"
-              "Free Chunk Space Allocated : 160\t(Basic : 128, Overhead : "
-              "32)\n\n"
-              "Total Number of Chunks     : 5\n"
-              "Total Space Allocated      : 436\t(Basic : 356, Overhead : "
-              "80)\n"
-              "Total Basic Space Usage    :\t(Used : 132, Wasted : 52, Free : "
-              "172)\n\n"
-              "*** Finished Dump of Freestore Allocator ***\n");
+              mixed_head("0x0") + kMixedUsedStorage + kMixedFigures);
 }
 
 TEST(FreestoreDump, UsedFreeAndOversizedChunksNotVerbose) {
     Freestore fs(64, QOR_FS_CLEAR);
     fill_mixed(fs.get());
-    EXPECT_EQ(dump_of(fs.get(), 0),
-              "*** Dump of Freestore Allocator ***\n\n"
-              "Standard Chunk Size        : 80\t(Basic Size : 64, Chunk "
-              "Overhead : 16)\n"
-              "Options                    : 0x1\n"
-              "Oversized Chunk Count      : 1\n\n"
-              "Number of Used Chunks      : 3\n"
-              "Used Chunk Space Allocated : 276\t(Basic : 228, Overhead : "
-              "48)\n\n"
-              "Number of Free Chunks      : 2\n"
-              "Free Chunk Space Allocated : 160\t(Basic : 128, Overhead : "
-              "32)\n\n"
-              "Total Number of Chunks     : 5\n"
-              "Total Space Allocated      : 436\t(Basic : 356, Overhead : "
-              "80)\n"
-              "Total Basic Space Usage    :\t(Used : 132, Wasted : 52, Free : "
-              "172)\n\n"
-              "*** Finished Dump of Freestore Allocator ***\n");
+    EXPECT_EQ(dump_of(fs.get(), 0), mixed_head("0x1") + kMixedFigures);
 }
 
 TEST(FreestoreDump, EmptiedFreestoreShowsAnEmptyUsedChunk) {

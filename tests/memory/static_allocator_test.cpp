@@ -26,20 +26,7 @@ struct Record {
     char text[16];
 };  // 24 bytes
 
-// Arms the fatal handler and runs fn; returns the value of the jump (or -1
-// when fn returned).
-template <class F>
-int catch_fatal(F fn) {
-    static volatile int value;
-    value = setjmp(QOR_fatal_handler);
-    if (value == 0) {
-        QOR_exception_handler_state = 1;
-        fn();
-        value = -1;
-    }
-    QOR_exception_handler_state = 0;
-    return value;
-}
+using qor_test::catch_fatal;
 
 std::string dump_of(QOR_SA_allocator *sa, int verbose) {
     qor_test::StderrCapture capture;
@@ -268,6 +255,25 @@ TEST(StaticAllocator, PointerIntoTheMiddleOfARecordReleasesThatRecord) {
     QOR_SA_release(pool.get(), r[2] + 5);
     EXPECT_EQ(pool->bitmaps[0] & 0xF, 0x4u);
     EXPECT_EQ(QOR_SA_allocate(pool.get()), r[2]);
+}
+
+TEST(StaticAllocator, ReleaseFindsEveryRecordWhateverTheStructureSize) {
+    for (uint32_t size : {1u, 3u, 7u, 24u, 48u, 100u, 4099u}) {
+        SCOPED_TRACE(size);
+        QOR_SA_allocator sa;
+        QOR_SA_initialise(&sa, size, 64, 128, nullptr, nullptr);
+        std::vector<char *> r;
+        for (int i = 0; i < 64 + 128 + 5; ++i)
+            r.push_back(static_cast<char *>(QOR_SA_allocate(&sa)));
+        // Through the last byte of each record, the highest index first.
+        for (int i = static_cast<int>(r.size()) - 1; i >= 0; --i) {
+            QOR_SA_release(&sa, r[i] + size - 1);
+            ASSERT_EQ(sa.first_free_hint, static_cast<uint32_t>(i));
+            ASSERT_EQ((sa.bitmaps[i / 64] >> (i % 64)) & 1u, 1u);
+        }
+        EXPECT_EQ(sa.free_entries, 64u + 128 + 128);
+        QOR_SA_destroy(&sa);
+    }
 }
 
 TEST(StaticAllocator, HooksSeeEveryRecordHandedOutAndTakenBack) {
@@ -569,10 +575,35 @@ TEST(StaticAllocatorDump, NullAllocatorPrintsNothing) {
     EXPECT_EQ(dump_of(nullptr, 1), "");
 }
 
+// The dump's text, its lines written out once here.
+struct DumpFigures {
+    int structure_size, free_entries, blocks_in_use, blocks_allocated;
+};
+std::string short_dump(const DumpFigures &f) {
+    return "*** Dumping Static Allocator ***\n"
+           "Structure Size    : " + std::to_string(f.structure_size) + "\n"
+           "Free Entries      : " + std::to_string(f.free_entries) + "\n"
+           "Blocks in use     : " + std::to_string(f.blocks_in_use) + "\n"
+           "Blocks Allocated  : " + std::to_string(f.blocks_allocated) + "\n"
+           "*** Finished Dump of Static Allocator ***\n";
+}
+// first_free: the lines naming the first word with a free record.
+std::string verbose_dump(const DumpFigures &f, int initial, int extension,
+                         int bitmaps, const std::string &first_free) {
+    std::string s = short_dump(f);
+    s.insert(s.rfind("*** Finished"),
+             "Initial Entries   : " + std::to_string(initial) + "\n"
+             "Extension Entries : " + std::to_string(extension) + "\n"
+             "Bitmaps Allocated : " + std::to_string(bitmaps) + "\n" +
+                 first_free);
+    return s;
+}
+
 TEST(StaticAllocatorDump, NotVerbose) {
     Pool pool(24, 100, 10);
     for (int i = 0; i < 130; ++i) QOR_SA_allocate(pool.get());
-    EXPECT_EQ(dump_of(pool.get(), 0),
+    EXPECT_EQ(dump_of(pool.get(), 0), short_dump({24, 62, 2, 128}));
+    EXPECT_EQ(short_dump({24, 62, 2, 128}),
               "*** Dumping Static Allocator ***\n"
               "Structure Size    : 24\n"
               "Free Entries      : 62\n"
@@ -601,50 +632,25 @@ TEST(StaticAllocatorDump, VerboseShowsTheWordAfterTheFirstFreeOne) {
     Pool pool(8, 128, 64);
     for (int i = 0; i < 3; ++i) QOR_SA_allocate(pool.get());
     EXPECT_EQ(dump_of(pool.get(), 1),
-              "*** Dumping Static Allocator ***\n"
-              "Structure Size    : 8\n"
-              "Free Entries      : 125\n"
-              "Blocks in use     : 1\n"
-              "Blocks Allocated  : 128\n"
-              "Initial Entries   : 128\n"
-              "Extension Entries : 64\n"
-              "Bitmaps Allocated : 256\n"
-              "First bitmap free : no. 0\n"
-              "Value : ffffffffffffffff\n"
-              "*** Finished Dump of Static Allocator ***\n");
+              verbose_dump({8, 125, 1, 128}, 128, 64, 256,
+                           "First bitmap free : no. 0\n"
+                           "Value : ffffffffffffffff\n"));
 }
 
 TEST(StaticAllocatorDump, VerboseGivesWordOneOnceRecordsZeroTo63AreInUse) {
     Pool pool(8, 64, 64);
     for (int i = 0; i < 66; ++i) QOR_SA_allocate(pool.get());
     EXPECT_EQ(dump_of(pool.get(), 1),
-              "*** Dumping Static Allocator ***\n"
-              "Structure Size    : 8\n"
-              "Free Entries      : 62\n"
-              "Blocks in use     : 2\n"
-              "Blocks Allocated  : 128\n"
-              "Initial Entries   : 64\n"
-              "Extension Entries : 64\n"
-              "Bitmaps Allocated : 256\n"
-              "First bitmap free : no. 1\n"
-              "Value : 0\n"
-              "*** Finished Dump of Static Allocator ***\n");
+              verbose_dump({8, 62, 2, 128}, 64, 64, 256,
+                           "First bitmap free : no. 1\nValue : 0\n"));
 }
 
 TEST(StaticAllocatorDump, VerboseWhenNoWordHasAFreeRecordSaysNone) {
     Pool pool(8, 64, 64);
     for (int i = 0; i < 64; ++i) QOR_SA_allocate(pool.get());
     EXPECT_EQ(dump_of(pool.get(), 1),
-              "*** Dumping Static Allocator ***\n"
-              "Structure Size    : 8\n"
-              "Free Entries      : 0\n"
-              "Blocks in use     : 1\n"
-              "Blocks Allocated  : 128\n"
-              "Initial Entries   : 64\n"
-              "Extension Entries : 64\n"
-              "Bitmaps Allocated : 256\n"
-              "First bitmap free : none\n"
-              "*** Finished Dump of Static Allocator ***\n");
+              verbose_dump({8, 0, 1, 128}, 64, 64, 256,
+                           "First bitmap free : none\n"));
 }
 
 TEST(StaticAllocatorDump, VerboseFreeWordAtTheEndOfTheBitmapShowsZeroAfterIt) {
@@ -655,25 +661,15 @@ TEST(StaticAllocatorDump, VerboseFreeWordAtTheEndOfTheBitmapShowsZeroAfterIt) {
     for (int i = 0; i < 256 * 64; ++i) last = QOR_SA_allocate(pool.get());
     ASSERT_EQ(pool->bitmaps_allocated, 256u);
     QOR_SA_release(pool.get(), last);
-    std::string dump = dump_of(pool.get(), 1);
-    EXPECT_NE(dump.find("First bitmap free : no. 255\nValue : 0\n"),
-              std::string::npos)
-        << dump;
+    EXPECT_EQ(dump_of(pool.get(), 1),
+              verbose_dump({1, 1, 256, 256}, 64, 64, 256,
+                           "First bitmap free : no. 255\nValue : 0\n"));
 }
 
 TEST(StaticAllocatorDump, VerboseUnsetAllocatorSaysNone) {
     QOR_SA_allocator sa = QOR_SA_INITIALISER(12, 32, 0, nullptr, nullptr);
-    EXPECT_EQ(dump_of(&sa, 1),
-              "*** Dumping Static Allocator ***\n"
-              "Structure Size    : 12\n"
-              "Free Entries      : 0\n"
-              "Blocks in use     : 0\n"
-              "Blocks Allocated  : 0\n"
-              "Initial Entries   : 32\n"
-              "Extension Entries : 0\n"
-              "Bitmaps Allocated : 0\n"
-              "First bitmap free : none\n"
-              "*** Finished Dump of Static Allocator ***\n");
+    EXPECT_EQ(dump_of(&sa, 1), verbose_dump({12, 0, 0, 0}, 32, 0, 0,
+                                            "First bitmap free : none\n"));
 }
 
 }  // namespace

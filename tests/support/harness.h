@@ -4,6 +4,7 @@
 #pragma once
 
 #include <qor/qor.h>
+#include <setjmp.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -30,9 +31,30 @@ ChildResult run_in_child(const std::function<void()> &fn);
 // As run_in_child, but the child first drops to an unprivileged user and
 // group (nobody/nogroup), so that permission checks really apply.
 ChildResult run_as_unprivileged(const std::function<void()> &fn);
+// True when the program runs under valgrind, whose allocator keeps freed
+// blocks out of circulation and replaces the program's own.
+bool under_valgrind();
+
 // The user and group that run_as_unprivileged switches to.
 uid_t unprivileged_uid();
 gid_t unprivileged_gid();
+
+// Arms the fatal handler (state 1) and runs fn; returns the value the
+// library jumped back with, or -1 when fn returned. The state is 0 again
+// afterwards. fn must leave no object with a destructor in a frame the jump
+// crosses.
+template <class F>
+int catch_fatal(F fn) {
+    static volatile int value;
+    value = setjmp(QOR_fatal_handler);
+    if (value == 0) {
+        QOR_exception_handler_state = 1;
+        fn();
+        value = -1;
+    }
+    QOR_exception_handler_state = 0;
+    return value;
+}
 
 // Captures what the current process writes to standard error between
 // construction and take() (or destruction).
