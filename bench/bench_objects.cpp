@@ -61,6 +61,22 @@ Store &store() {
     return s;
 }
 
+// ---- The translation every operation starts with ----------------------------
+
+// Not an operation of the object store: the qor-to-OS translation of the
+// path layer, inside a freestore bracket, which the operations above the
+// floor pay once each.
+void BM_Translation(benchmark::State &state) {
+    const std::string path = store().qor(4);
+    for (auto _ : state) {
+        QOR_FS_mark mark;
+        QOR_FS_save(&QOR_SH_fs_allocator, &mark);
+        benchmark::DoNotOptimize(QOR_SH_qor_to_os_dir(path.c_str()));
+        QOR_FS_restore(&QOR_SH_fs_allocator, &mark);
+    }
+}
+BENCHMARK(BM_Translation);
+
 // ---- Type detection -------------------------------------------------------
 
 void BM_TypeOfObject_Library(benchmark::State &state) {
