@@ -14,19 +14,23 @@ constexpr const char kUnit[] = "basic_space";
 // Number of leading texts whose lengths QOR_cat_strings measures only once.
 constexpr int kMeasuredTexts = 32;
 
-[[noreturn]] void out_of_memory() {
-    QOR_fatal_error(qor::kSet, 11, nullptr, QOR_E_NO_MEMORY);
+void *checked(void *p) {
+    if (p == nullptr) qor::out_of_memory();
+    return p;
+}
+
+}  // namespace
+
+namespace qor {
+
+void out_of_memory() {
+    QOR_fatal_error(kSet, 11, nullptr, QOR_E_NO_MEMORY);
     // Raising returns only for a handler state outside 0..2; an allocation
     // cannot hand back null, so end here as well.
     abort();
 }
 
-void *checked(void *p) {
-    if (p == nullptr) out_of_memory();
-    return p;
-}
-
-}  // namespace
+}  // namespace qor
 
 extern "C" {
 

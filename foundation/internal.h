@@ -22,4 +22,8 @@ struct param_list {
 // The message set every library message belongs to.
 inline constexpr const char kSet[] = "qor";
 
+// Memory exhaustion: the fatal error of message 11, status 2011. Never
+// returns, even when the application's handler state lets raising return.
+[[noreturn]] void out_of_memory();
+
 }  // namespace qor

@@ -41,6 +41,16 @@ char *stamp_process_id(char *candidate) {
     return p;
 }
 
+// QOR_TMP (relative values taken against the current directory) or
+// "/tmp", translated by the given form of QOR_os_to_qor.
+char *temporary_directory(char *(*os_to_qor)(const char *)) {
+    char *tmp = QOR_getenv("QOR_TMP");
+    if (tmp == nullptr) return os_to_qor("/tmp");
+    char *result = os_to_qor(tmp);
+    QOR_free(tmp);
+    return result;
+}
+
 }  // namespace
 
 extern "C" {
@@ -78,19 +88,11 @@ char *QOR_SH_current_directory(void) {
 }
 
 char *QOR_temporary_directory(void) {
-    char *tmp = QOR_getenv("QOR_TMP");
-    if (tmp == nullptr) return QOR_os_to_qor("/tmp");
-    char *result = QOR_os_to_qor(tmp);
-    QOR_free(tmp);
-    return result;
+    return temporary_directory(QOR_os_to_qor);
 }
 
 char *QOR_SH_temporary_directory(void) {
-    char *tmp = QOR_getenv("QOR_TMP");
-    if (tmp == nullptr) return QOR_SH_os_to_qor("/tmp");
-    char *result = QOR_SH_os_to_qor(tmp);
-    QOR_free(tmp);
-    return result;
+    return temporary_directory(QOR_SH_os_to_qor);
 }
 
 char *QOR_SH_temporary_object_name(const char *prefix, int is_directory,

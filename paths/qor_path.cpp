@@ -48,11 +48,15 @@ enum Kind : uint32_t {
 
 struct Component {
     uint32_t kind;
+    // The length of name, kept in what would be padding so that rendering
+    // need not measure every name again.
+    uint32_t length;
     char *name;
     Component *prev;
     Component *next;
 };
 static_assert(offsetof(Component, kind) == 0);
+static_assert(offsetof(Component, length) == 4);
 static_assert(offsetof(Component, name) == 8);
 static_assert(offsetof(Component, prev) == 16);
 static_assert(offsetof(Component, next) == 24);
@@ -94,13 +98,28 @@ bool fail() {
     return false;
 }
 
-// Freestore pieces keep only 4-byte alignment; a node holds pointers, so it
-// takes 4 spare bytes and starts at the next 8-byte boundary.
-Component *new_node(uint32_t kind, char *name) {
-    auto raw = reinterpret_cast<uintptr_t>(
-        QOR_FS_malloc(shared(), sizeof(Component) + 4));
-    auto *c = reinterpret_cast<Component *>((raw + 7) & ~uintptr_t{7});
+// Nodes are taken from the shared freestore a block at a time. The block in
+// use belongs to the conversion under way: each public conversion starts
+// with none and puts the outer one back when it returns.
+struct NodeBlock {
+    Component *next;
+    Component *end;
+};
+constinit NodeBlock g_nodes = {nullptr, nullptr};
+constexpr uint32_t kNodesPerBlock = 16;
+
+// Freestore pieces keep only 4-byte alignment; nodes hold pointers, so a
+// block takes 4 spare bytes and starts at the next 8-byte boundary.
+Component *new_node(uint32_t kind, char *name, size_t length) {
+    if (g_nodes.next == g_nodes.end) {
+        auto raw = reinterpret_cast<uintptr_t>(QOR_FS_malloc(
+            shared(), kNodesPerBlock * sizeof(Component) + 4));
+        g_nodes.next = reinterpret_cast<Component *>((raw + 7) & ~uintptr_t{7});
+        g_nodes.end = g_nodes.next + kNodesPerBlock;
+    }
+    Component *c = g_nodes.next++;
     c->kind = kind;
+    c->length = static_cast<uint32_t>(length);
     c->name = name;
     c->prev = nullptr;
     c->next = nullptr;
@@ -144,23 +163,49 @@ void unlink(List *l, Component *c) {
     }
 }
 
-bool second_is_colon(const char *s, size_t n) { return n >= 2 && s[1] == ':'; }
+// One component of a path text: from p up to the next "/" or the end,
+// measured in one pass that also notes the characters that classify it.
+struct Piece {
+    char *text;
+    size_t length;
+    bool has_plus;
+    bool has_dot;
+    bool last;  // no "/" follows
+};
 
-uint32_t classify_plain(const char *s, size_t n) {
+Piece scan(char *p) {
+    Piece piece{p, 0, false, false, false};
+    char *q = p;
+    for (; *q != '/' && *q != '\0'; ++q) {
+        piece.has_plus |= *q == '+';
+        piece.has_dot |= *q == '.';
+    }
+    piece.length = static_cast<size_t>(q - p);
+    piece.last = *q == '\0';
+    return piece;
+}
+
+bool second_is_colon(const Piece &p) {
+    return p.length >= 2 && p.text[1] == ':';
+}
+
+uint32_t classify_plain(const Piece &p) {
     // "+" wins over ".".
-    if (memchr(s, '+', n) != nullptr) return PLUS_NAME;
-    if (memchr(s, '.', n) != nullptr) return DOTTED_NAME;
+    if (p.has_plus) return PLUS_NAME;
+    if (p.has_dot) return DOTTED_NAME;
     return NAME;
 }
 
-uint32_t classify_dot(const char *s, size_t n) {
-    if (n == 1) return CURRENT;
-    if (n == 2 && s[1] == '.') return PARENT;
+uint32_t classify_dot(const Piece &p) {
+    if (p.length == 1) return CURRENT;
+    if (p.length == 2 && p.text[1] == '.') return PARENT;
     return DOT_NAME;
 }
 
-uint32_t classify_qor(const char *s, size_t n) {
-    if (n == 0 || second_is_colon(s, n)) return ROOT;
+uint32_t classify_qor(const Piece &p) {
+    const char *s = p.text;
+    const size_t n = p.length;
+    if (n == 0 || second_is_colon(p)) return ROOT;
     if (s[0] == '@') return OS_PART;
     if (n == 1) {
         if (s[0] == '_') return ROOT_VAR;
@@ -171,21 +216,21 @@ uint32_t classify_qor(const char *s, size_t n) {
         // "$(" NAME ")" with the ")" ending the component and a name of at
         // least one character; anything else is a plain name.
         if (n >= 4 && s[1] == '(' && s[n - 1] == ')') return ENV_VAR;
-        return classify_plain(s, n);
+        return classify_plain(p);
     }
     if (s[0] == '.') {
         if (n == 2 && s[1] == '0') return CWD;
-        return classify_dot(s, n);
+        return classify_dot(p);
     }
-    return classify_plain(s, n);
+    return classify_plain(p);
 }
 
-uint32_t classify_os(const char *s, size_t n, bool first_of_absolute) {
-    if (n == 0 || second_is_colon(s, n)) {
+uint32_t classify_os(const Piece &p, bool first_of_absolute) {
+    if (p.length == 0 || second_is_colon(p)) {
         return first_of_absolute ? ROOT : CURRENT;
     }
-    if (s[0] == '.') return classify_dot(s, n);
-    return classify_plain(s, n);
+    if (p.text[0] == '.') return classify_dot(p);
+    return classify_plain(p);
 }
 
 // Copies text into the freestore, where its pieces become component names.
@@ -204,14 +249,13 @@ bool split_os(const char *text, bool absolute, List *out) {
     char *p = scratch_copy(text, n);
     bool first = true;
     for (;;) {
-        char *slash = strchr(p, '/');
-        const size_t len = slash != nullptr ? static_cast<size_t>(slash - p)
-                                            : strlen(p);
-        if (slash != nullptr) *slash = '\0';
-        link_last(out, new_node(classify_os(p, len, absolute && first), p));
+        const Piece piece = scan(p);
+        p[piece.length] = '\0';
+        link_last(out, new_node(classify_os(piece, absolute && first), p,
+                                piece.length));
         first = false;
-        if (slash == nullptr) break;
-        p = slash + 1;
+        if (piece.last) break;
+        p += piece.length + 1;
     }
     // A drive alone ("C:") names no directory.
     if (out->first == out->last && out->first->kind == ROOT) return fail();
@@ -257,7 +301,7 @@ bool put(Output *o, const char *s, size_t n) {
 // The render mode reaches every name, and changes nothing on this host.
 bool put_name(Output *o, const Component *c, unsigned render_mode) {
     (void)render_mode;
-    if (!put(o, c->name, strlen(c->name))) return false;
+    if (!put(o, c->name, c->length)) return false;
     return c->next == nullptr || put(o, "/", 1);
 }
 
@@ -353,6 +397,7 @@ Component *keep_list(const List &l) {
     for (const Component *c = l.first; c != nullptr; c = c->next) {
         auto *k = static_cast<Component *>(QOR_malloc(sizeof(Component)));
         k->kind = c->kind;
+        k->length = c->length;
         k->name = QOR_copy_string(c->name);
         k->prev = prev;
         k->next = nullptr;
@@ -381,7 +426,9 @@ bool special_value(int index, const char *raw, char *buffer) {
 
 PathVariable *resolve_variable(const char *name) {
     if (PathVariable *cached = find_variable(name)) return cached;
-    char *raw = QOR_getenv(name);
+    // Read into the conversion's scratch: nothing to free on any exit, a
+    // fatal error's included.
+    const char *raw = QOR_SH_getenv(name);
     if (raw == nullptr) {
         fail();
         return nullptr;
@@ -407,7 +454,6 @@ PathVariable *resolve_variable(const char *name) {
         v->next = g_variables;
         g_variables = v;
     }
-    QOR_free(raw);
     return v;
 }
 
@@ -418,12 +464,12 @@ bool variable_list(const char *name, List *out) {
     if (v == nullptr) return false;
     *out = List{nullptr, nullptr};
     for (Component *c = v->components; c != nullptr; c = c->next) {
-        link_last(out, new_node(c->kind, c->name));
+        link_last(out, new_node(c->kind, c->name, c->length));
     }
     return true;
 }
 
-bool anchor_list(uint32_t kind, char *piece, size_t n, List *out) {
+bool anchor_list(uint32_t kind, const Piece &piece, List *out) {
     switch (kind) {
         case ROOT_VAR:
             return variable_list(kSpecialNames[0], out);
@@ -433,8 +479,8 @@ bool anchor_list(uint32_t kind, char *piece, size_t n, List *out) {
             return variable_list(kSpecialNames[2], out);
         case ENV_VAR:
             // The name lies between "$(" and the final ")".
-            piece[n - 1] = '\0';
-            return variable_list(piece + 2, out);
+            piece.text[piece.length - 1] = '\0';
+            return variable_list(piece.text + 2, out);
         default:
             return current_directory_list(out);
     }
@@ -444,23 +490,23 @@ bool parse_qor(const char *text, List *out) {
     *out = List{nullptr, nullptr};
     const size_t n = strlen(text);
     if (n == 0 || n > kMaxPath) return fail();
-    char *p = scratch_copy(text, n);
+    char *const copy = scratch_copy(text, n);
+    char *p = copy;
     bool first = true;
     for (;;) {
-        char *slash = strchr(p, '/');
-        const size_t len = slash != nullptr ? static_cast<size_t>(slash - p)
-                                            : strlen(p);
-        const uint32_t kind = classify_qor(p, len);
+        const Piece piece = scan(p);
+        const uint32_t kind = classify_qor(piece);
         if (kind == OS_PART) {
             // The rest of the text, slashes included, is one host path.
-            Component *c = new_node(OS_PART, p + 1);
+            Component *c =
+                new_node(OS_PART, p + 1, n - static_cast<size_t>(p + 1 - copy));
             join(out, List{c, c});
             break;
         }
-        if (slash != nullptr) *slash = '\0';
+        p[piece.length] = '\0';
         if (kind >= ROOT_VAR) {
             List anchor;
-            if (!anchor_list(kind, p, len, &anchor)) return false;
+            if (!anchor_list(kind, piece, &anchor)) return false;
             if (first && (anchor.first == nullptr ||
                           (anchor.first->kind != ROOT &&
                            anchor.first->kind != OS_PART))) {
@@ -471,12 +517,12 @@ bool parse_qor(const char *text, List *out) {
             }
             join(out, anchor);
         } else {
-            Component *c = new_node(kind, p);
+            Component *c = new_node(kind, p, piece.length);
             join(out, List{c, c});
         }
         first = false;
-        if (slash == nullptr) break;
-        p = slash + 1;
+        if (piece.last) break;
+        p += piece.length + 1;
     }
     if (out->first == nullptr ||
         (out->first->kind != ROOT && out->first->kind != OS_PART)) {
@@ -547,7 +593,9 @@ char *convert(const Request &r, bool in_freestore) {
     if (r.text[0] == '\0' && r.op != Op::linkname) return nullptr;
 
     const bool saved_flag = g_conversion_failed;
+    const NodeBlock saved_nodes = g_nodes;
     g_conversion_failed = false;
+    g_nodes = NodeBlock{nullptr, nullptr};
     QOR_FS_mark mark;
     QOR_FS_save(shared(), &mark);
     char buffer[kBufferSize];
@@ -558,6 +606,7 @@ char *convert(const Request &r, bool in_freestore) {
                         (buffer[0] == '\0' && r.op != Op::linkname);
     QOR_FS_restore(shared(), &mark);
     g_conversion_failed = saved_flag;
+    g_nodes = saved_nodes;
     if (failed) return nullptr;
     return in_freestore ? QOR_FS_copy_string(shared(), buffer)
                         : QOR_copy_string(buffer);

@@ -213,6 +213,42 @@ QOR_API void *QOR_copy_memory(const void *block, uint32_t length);
 /* Joins the texts up to a null pointer. A null first text gives "". */
 QOR_API char *QOR_cat_strings(const char *first, ...) QOR_SENTINEL;
 
+/* ======================================================================
+ * Debug allocator and freestore log
+ * ======================================================================
+ * Debugging twins of the basic space functions, for applications hunting
+ * memory faults. Each block carries four guard bytes (0F 09 17 7F) right
+ * after the bytes asked for, and every block is entered in a process-wide
+ * log with the file and line that allocated it and, later, freed it.
+ * Freeing checks the log and the guard: a block freed twice, or written
+ * past its end, is reported on standard error and is NOT released, so the
+ * evidence stays in place. The log itself lives in the system heap and is
+ * never freed. Blocks from these functions are freed only with
+ * QOR_free_debug (or resized with QOR_realloc_debug). */
+
+/* Size 0 gives null and logs nothing (QOR_malloc would fail instead). */
+QOR_API void *QOR_malloc_debug(uint32_t size, const char *file, int32_t line);
+/* Zeroed. Null when count or size is 0. Units below 4 bytes are logged
+ * and laid out as 4-byte units. */
+QOR_API void *QOR_calloc_debug(uint32_t count, uint32_t size,
+                               const char *file, int32_t line);
+/* Size 0 gives null and leaves the block alone. The block is checked as
+ * by QOR_free_debug first, and resized whatever the check reported. */
+QOR_API void *QOR_realloc_debug(void *block, uint32_t size, const char *file,
+                                int32_t line);
+QOR_API void QOR_free_debug(void *block, const char *file, int32_t line);
+/* A null text gives a new empty text. */
+QOR_API char *QOR_copy_string_debug(const char *text, const char *file,
+                                    int32_t line);
+/* Null for a null block; a one-byte block (content unset) for length 0. */
+QOR_API void *QOR_copy_memory_debug(const void *block, uint32_t length,
+                                    const char *file, int32_t line);
+/* Joins the texts up to a null pointer, logged as file "????", line -1.
+ * More than 16 texts draw a warning on standard error. */
+QOR_API char *QOR_cat_strings_debug(const char *first, ...) QOR_SENTINEL;
+/* Prints every block of the log, allocated ones first, to standard error. */
+QOR_API void QOR_freestore_dump(void);
+
 #ifdef __cplusplus
 }
 #endif

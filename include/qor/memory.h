@@ -9,7 +9,16 @@
 extern "C" {
 #endif
 
-/* ---- Freestore ---------------------------------------------------------- */
+/* ---- Freestore ----------------------------------------------------------
+ * An arena: pieces of any size are bumped out of a chain of chunks and given
+ * back all at once (QOR_FS_empty) or down to a mark (QOR_FS_save and
+ * QOR_FS_restore, in reverse order of the saves). Standard chunks are kept
+ * for reuse; a piece larger than chunk_size gets an oversized chunk of its
+ * own, freed as soon as it is rolled back.
+ *
+ * Pieces are rounded up to a multiple of 4 bytes and keep only 4-byte
+ * alignment, even when they hold pointers or 64-bit values: read and write
+ * such fields with memcpy. */
 
 /* Header of a chunk; its data follows (16 bytes on this host). */
 typedef struct QOR_FS_chunk {
@@ -61,7 +70,78 @@ QOR_API void QOR_FS_destroy(QOR_FS_allocator *fs);
 QOR_API void QOR_FS_dump(QOR_FS_allocator *fs, int verbose);
 
 /* ---- Static allocator ---------------------------------------------------
- * (declared with its implementation) */
+ * Records of one fixed size handed out from large zero-filled blocks, with
+ * one bit per record in a bitmap (1 free, 0 in use). The lowest free record
+ * is always taken, so records are reused lowest first. Blocks go back to the
+ * system only when the allocator is destroyed.
+ *
+ * Records are numbered across blocks: index i lies in block 0 at position i
+ * when i < initial_entries, otherwise in block 1 + (i - initial_entries) /
+ * extension_entries at position (i - initial_entries) % extension_entries.
+ * Both counts are rounded up to a multiple of 64 (0 becomes 64) when the
+ * first block is added. */
+
+/* Called with every record handed out (allocate hook) or taken back
+ * (release hook) and the structure size; the result is ignored, so that
+ * QOR_clear_memory serves as an allocate hook as it is. */
+typedef void *(*QOR_SA_hook)(void *record, uint32_t structure_size);
+
+typedef struct QOR_SA_allocator {
+    uint32_t structure_size;    /* bytes of one record */
+    uint32_t initial_entries;   /* records in the first block */
+    uint32_t extension_entries; /* records in each further block */
+    QOR_SA_hook allocate_hook;  /* optional */
+    QOR_SA_hook release_hook;   /* optional */
+    uint32_t free_entries;      /* free records in all blocks */
+    uint32_t first_free_hint;   /* no record below this index is free */
+    uint32_t blocks_in_use;
+    uint32_t blocks_allocated;  /* capacity of blocks */
+    uint32_t bitmaps_allocated; /* 64-bit words in bitmaps */
+    void **blocks;
+    uint64_t *bitmaps; /* bit i%64 of word i/64 set: record i is free */
+} QOR_SA_allocator;
+
+/* Static initialiser from the five settings; the first allocation sets the
+ * allocator up. Initialising only the first five fields in braces does the
+ * same: the rest starts as zero.
+ *   static QOR_SA_allocator pool =
+ *       QOR_SA_INITIALISER(sizeof(struct rec), 32, 32, QOR_clear_memory, NULL);
+ */
+#define QOR_SA_INITIALISER(structure_size, initial_entries,               \
+                           extension_entries, allocate_hook, release_hook) \
+    { (structure_size), (initial_entries), (extension_entries),           \
+      (allocate_hook), (release_hook), 0, 0, 0, 0, 0, NULL, NULL }
+
+/* Stores the settings, forgets any blocks (without freeing them) and adds
+ * the first block at once. */
+QOR_API void QOR_SA_initialise(QOR_SA_allocator *sa, uint32_t structure_size,
+                               uint32_t initial_entries,
+                               uint32_t extension_entries,
+                               QOR_SA_hook allocate_hook,
+                               QOR_SA_hook release_hook);
+/* Never null. A record is zero the first time it is handed out; later it
+ * keeps what it held unless the allocate hook clears it. */
+QOR_API void *QOR_SA_allocate(QOR_SA_allocator *sa);
+/* A pointer into the middle of a record releases that record. A pointer in
+ * none of the blocks is the fatal error of message 1 with parameter 201, a
+ * record already free the one with parameter 202 (status 2001). */
+QOR_API void QOR_SA_release(QOR_SA_allocator *sa, void *record);
+/* Takes every record back, calling the release hook for each in use (in
+ * index order); the blocks are kept. */
+QOR_API void QOR_SA_release_all(QOR_SA_allocator *sa);
+/* The next record in use after record in index order (from the start when
+ * record is null), or null. A record in none of the blocks is fatal (201). */
+QOR_API void *QOR_SA_next(QOR_SA_allocator *sa, const void *record);
+/* Calls the release hook for every record in use, frees all blocks and both
+ * arrays; the settings stay, so the next allocation starts afresh. */
+QOR_API void QOR_SA_destroy(QOR_SA_allocator *sa);
+/* Prints the allocator's state to standard error; nothing for null. The
+ * verbose form names the first bitmap word with a free record and shows,
+ * as it always has, the value of the word after it (0 when that word is
+ * past the end of the bitmap). When no word has a free record, it prints
+ * "First bitmap free : none\n" instead of those two lines; the search never
+ * reads past the bitmap. */
+QOR_API void QOR_SA_dump(QOR_SA_allocator *sa, int verbose);
 
 #ifdef __cplusplus
 }

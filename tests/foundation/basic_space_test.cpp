@@ -205,7 +205,9 @@ TEST(Exhaustion, FailingMallocEndsWithMessageElevenAndExitThree) {
 TEST(Exhaustion, FailingCallocAndReallocToo) {
     for (auto fn : {QF_calloc, QF_realloc}) {
         auto r = qor_test::run_in_child([fn] {
-            void *p = QOR_malloc(8);
+            // Held in static storage: the child dies holding it on purpose.
+            static void *p;
+            p = QOR_malloc(8);
             qor_fault_fail(fn, ENOMEM, 0, 1);
             if (fn == QF_calloc) QOR_calloc(2, 8);
             else QOR_realloc(p, 64);

@@ -22,20 +22,7 @@ namespace {
 
 void noop_cb(void *, void *, void *) {}
 
-// Arms the fatal handler and runs fn; returns the value of the jump (or -1
-// when fn returned).
-template <class F>
-int catch_fatal(F fn) {
-    static volatile int value;
-    value = setjmp(QOR_fatal_handler);
-    if (value == 0) {
-        QOR_exception_handler_state = 1;
-        fn();
-        value = -1;
-    }
-    QOR_exception_handler_state = 0;
-    return value;
-}
+using qor_test::catch_fatal;
 
 // ---- Registry -----------------------------------------------------------
 

@@ -25,4 +25,11 @@ done
 if ! nm -D "$1" | grep -q ' w MI_set_display_outlet'; then
     echo "$1: MI_set_display_outlet is not a weak reference"; status=1
 fi
+# No dynamic initialisation at load time: the only start-up entry is the
+# toolchain's own frame_dummy (8 bytes); every global of ours is constant
+# data that sets itself up on first use.
+init=$(readelf -d "$1" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\) .*/\1/p')
+if [ "${init:-0}" -gt 8 ]; then
+    echo "$1 runs initialisers at load time (INIT_ARRAYSZ $init)"; status=1
+fi
 exit $status

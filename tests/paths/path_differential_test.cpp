@@ -66,6 +66,23 @@ TEST(FuzzCorpus, CheckerCatchesViolations) {
 
 // ---- An independent model -------------------------------------------------------
 
+// "." vanishes, ".." removes the name before it and fails at the root.
+std::optional<std::string> resolve_dots(const std::vector<std::string> &list) {
+    std::vector<std::string> stack;
+    for (const auto &c : list) {
+        if (c == ".") continue;
+        if (c == "..") {
+            if (stack.empty()) return std::nullopt;
+            stack.pop_back();
+        } else {
+            stack.push_back(c);
+        }
+    }
+    std::string out;
+    for (const auto &c : stack) out += "/" + c;
+    return out.empty() ? "/" : out;
+}
+
 // Lexical rules, written from the description of qor paths: an empty or
 // drive-like ("x:...") component restarts at the root, an anchor restarts at
 // its value; only then, over what is left, "." vanishes and ".." removes the
@@ -107,38 +124,19 @@ std::optional<std::string> model_qor(const std::string &path,
         if (slash == std::string::npos) break;
         start = slash + 1;
     }
-    std::vector<std::string> stack;
-    for (const auto &c : list) {
-        if (c == ".") continue;
-        if (c == "..") {
-            if (stack.empty()) return std::nullopt;
-            stack.pop_back();
-        } else {
-            stack.push_back(c);
-        }
-    }
-    std::string out;
-    for (const auto &c : stack) out += "/" + c;
-    return out.empty() ? "/" : out;
+    return resolve_dots(list);
 }
 
 // OS paths: empty, "." and drive-like components vanish.
 std::optional<std::string> model_os(const std::string &path) {
-    std::vector<std::string> stack;
+    std::vector<std::string> list;
     std::stringstream s(path.substr(1));
     std::string c;
     while (std::getline(s, c, '/')) {
-        if (c.empty() || c == "." || (c.size() >= 2 && c[1] == ':')) continue;
-        if (c == "..") {
-            if (stack.empty()) return std::nullopt;
-            stack.pop_back();
-        } else {
-            stack.push_back(c);
-        }
+        if (c.empty() || (c.size() >= 2 && c[1] == ':')) continue;
+        list.push_back(c);
     }
-    std::string out;
-    for (const auto &x : stack) out += "/" + x;
-    return out.empty() ? "/" : out;
+    return resolve_dots(list);
 }
 
 std::string generate(std::mt19937 &rng, const std::vector<std::string> &parts,

@@ -169,9 +169,10 @@ TEST_F(Edge, AnchorAboveRootFails) {
 // guard up, so later uses of the anchor fail instead of recursing; the
 // other anchors are not affected.
 TEST_F(Edge, ResolutionGuardStaysUpAfterFatalErrorInsideIt) {
-    // A long value makes the parse take an oversized freestore chunk, the
-    // allocation after the copy of the variable's value.
-    const std::string root = "/" + std::string(3000, 'r');
+    // A value too long for what is left of the first chunk, but not for a
+    // standard one: its parse takes a new chunk, the allocation after the
+    // copy of the variable's value.
+    const std::string root = "/" + std::string(1999, 'r');
     setenv("QOR_ROOT", root.c_str(), 1);
     path_check::warm_freestore();
     QOR_FS_mark mark;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <qor/qor.h>
+#include <setjmp.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -33,6 +34,23 @@ ChildResult run_as_unprivileged(const std::function<void()> &fn);
 // The user and group that run_as_unprivileged switches to.
 uid_t unprivileged_uid();
 gid_t unprivileged_gid();
+
+// Arms the fatal handler (state 1) and runs fn; returns the value the
+// library jumped back with, or -1 when fn returned. The state is 0 again
+// afterwards. fn must leave no object with a destructor in a frame the jump
+// crosses.
+template <class F>
+int catch_fatal(F fn) {
+    static volatile int value;
+    value = setjmp(QOR_fatal_handler);
+    if (value == 0) {
+        QOR_exception_handler_state = 1;
+        fn();
+        value = -1;
+    }
+    QOR_exception_handler_state = 0;
+    return value;
+}
 
 // Captures what the current process writes to standard error between
 // construction and take() (or destruction).
