@@ -28,8 +28,10 @@ inline QOR_FS_allocator *shared() { return &QOR_SH_fs_allocator; }
 // The qor path as given, "/", name, translated as a file path into the
 // shared freestore; null when it does not translate. The joined text is
 // built in a local buffer up to QOR_PATH_MAX characters and its terminator,
-// in the shared freestore beyond.
-inline char *translate_joined(const char *qor_path, const char *name) {
+// in the shared freestore beyond. Kept out of line: its buffer would
+// otherwise enlarge the frame of every caller, most of which never need it.
+[[gnu::noinline]] inline char *translate_joined(const char *qor_path,
+                                                const char *name) {
     const size_t n = strlen(qor_path);
     const size_t m = strlen(name);
     if (n + 1 + m + 1 > QOR_PATH_MAX) {

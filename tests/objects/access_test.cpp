@@ -340,9 +340,7 @@ TEST_F(Access, ReadingPassesOverTheMissingLockOfACdirOnly) {
     int s = 0;
     EXPECT_EQ(readable_for(qor("c"), 2, 0, 1, &s), 0);
     EXPECT_EQ(s, QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("c/.lock"), 2109, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("c/.lock"), 2109, ENOENT);
 }
 
 // ---- Setting for a class ------------------------------------------------------
@@ -451,9 +449,7 @@ TEST_F(Access, SettingRecordsStatAndChmodFailures) {
     // Revoking reaches ".lock" first: missing.
     EXPECT_EQ(QOR_set_accessibility(qor("o").c_str(), 2, 0, 1, 0),
               QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("o/.lock"), 2109, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("o/.lock"), 2109, ENOENT);
     EXPECT_EQ(mode_of(os("o")), 0755u);
     // Granting reaches the directory first and changes it before failing.
     EXPECT_EQ(QOR_set_accessibility(qor("o").c_str(), 2, 2, 2, 1),
@@ -752,9 +748,7 @@ TEST_F(Access, ContentsSizeFailureIsRecorded) {
     uint64_t size = 9;
     EXPECT_EQ(QOR_read_contents_size(qor("c").c_str(), 3, &size),
               QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("c/.body"), 2113, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("c/.body"), 2113, ENOENT);
 }
 
 void set_times(const std::string &path, time_t atime, time_t mtime) {
@@ -795,9 +789,7 @@ TEST_F(Access, AccessTimesFailureIsRecorded) {
     int64_t t[3] = {1, 2, 3};
     EXPECT_EQ(QOR_read_access_times(qor("l").c_str(), 3, t), QOR_E_MISSING);
     EXPECT_EQ(t[0], 1);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("l/.body"), 2114, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("l/.body"), 2114, ENOENT);
     EXPECT_EQ(QOR_read_access_times("rel", 0, t), QOR_E_UNTRANSLATABLE);
     EXPECT_EQ(log.messages.size(), 1u);
 }

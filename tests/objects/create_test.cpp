@@ -139,9 +139,7 @@ TEST_F(Create, TypeAboveFourIsRefusedAfterRecordingEinval) {
 TEST_F(Create, MissingParentIsRecordedByMakeDirectory) {
     MessageLog log;
     EXPECT_EQ(create(qor("none/o"), 4), QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("none/o"), 2102, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("none/o"), 2102, ENOENT);
     EXPECT_EQ(create(qor("none/f"), 0), QOR_E_MISSING);
     ASSERT_EQ(log.messages.size(), 2u);
     EXPECT_EQ(log.messages[1],
@@ -254,9 +252,7 @@ TEST_F(Create, FullDiscOnMakeDirectoryRetriesOnceThenRecords) {
         EXPECT_EQ(c.context, 2102);
         EXPECT_EQ(c.path, os("o"));
     }
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_RESOURCE, os("o"), 2102, ENOSPC));
+    EXPECT_ONE_RECORDED(log, QOR_E_RESOURCE, os("o"), 2102, ENOSPC);
     EXPECT_FALSE(qor_test::exists(os("o")));
 }
 
@@ -287,9 +283,7 @@ TEST_F(Create, FullDiscOnPlainFileRetriesOnceThenRecords) {
     EXPECT_EQ(create(qor("f"), 0), QOR_E_RESOURCE);
     EXPECT_EQ(qor_fault_calls(QF_open), 2);
     EXPECT_EQ(handler.calls.size(), 2u);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_RESOURCE, os("f"), 2101, ENOSPC));
+    EXPECT_ONE_RECORDED(log, QOR_E_RESOURCE, os("f"), 2101, ENOSPC);
 }
 
 TEST_F(Create, FullDiscThatClearsSucceedsWithoutMessage) {
@@ -328,9 +322,7 @@ TEST_F(Create, HundredAndOneInterruptedOpensAreRecorded) {
     qor_fault_fail(QF_open, EINTR, 0, 101);
     EXPECT_EQ(create(qor("o"), 4), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_injected(QF_open), 101);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_INTERRUPTED, os("o/.index"), 2101, EINTR));
+    EXPECT_ONE_RECORDED(log, QOR_E_INTERRUPTED, os("o/.index"), 2101, EINTR);
     EXPECT_FALSE(qor_test::exists(os("o")));
 }
 
@@ -339,9 +331,7 @@ TEST_F(Create, InterruptedMkdirIsNotRetried) {
     qor_fault_fail(QF_mkdir, EINTR, 0, 1);
     EXPECT_EQ(create(qor("o"), 4), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_mkdir), 1);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_INTERRUPTED, os("o"), 2102, EINTR));
+    EXPECT_ONE_RECORDED(log, QOR_E_INTERRUPTED, os("o"), 2102, EINTR);
 }
 
 TEST_F(Create, FailingCloseOfANewMemberIsRecordedAndUndone) {
@@ -349,8 +339,7 @@ TEST_F(Create, FailingCloseOfANewMemberIsRecordedAndUndone) {
     qor_fault_reset();
     qor_fault_fail(QF_close, EIO, 1, 1);  // the ".body" just made
     EXPECT_EQ(create(qor("o"), 3), QOR_E_IO);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0], recorded(QOR_E_IO, os("o/.body"), 2101, EIO));
+    EXPECT_ONE_RECORDED(log, QOR_E_IO, os("o/.body"), 2101, EIO);
     EXPECT_FALSE(qor_test::exists(os("o")));
     // The injected failure kept the real close from running.
     qor_fault_reset();

@@ -197,9 +197,7 @@ TEST_F(Links, PlainFileGives2057AfterRecordingEnotdir) {
     QOR_link_listing *l = nullptr;
     EXPECT_EQ(QOR_open_links(qor("f").c_str(), 0, &l), QOR_E_WRONG_KIND);
     EXPECT_EQ(l, nullptr);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_WRONG_KIND, os("f"), 2120, ENOTDIR));
+    EXPECT_ONE_RECORDED(log, QOR_E_WRONG_KIND, os("f"), 2120, ENOTDIR);
     // Even when nothing is there.
     EXPECT_EQ(QOR_open_links(qor("none").c_str(), 0, &l), QOR_E_WRONG_KIND);
     EXPECT_EQ(log.messages.size(), 2u);
@@ -210,18 +208,14 @@ TEST_F(Links, FileListedAsDirectoryIsRecordedByOpendir) {
     MessageLog log;
     QOR_link_listing *l = nullptr;
     EXPECT_EQ(QOR_open_links(qor("f").c_str(), 1, &l), QOR_E_WRONG_KIND);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_WRONG_KIND, os("f"), 2120, ENOTDIR));
+    EXPECT_ONE_RECORDED(log, QOR_E_WRONG_KIND, os("f"), 2120, ENOTDIR);
 }
 
 TEST_F(Links, MissingDirectoryGives2052AfterRecordingEnoent) {
     MessageLog log;
     QOR_link_listing *l = nullptr;
     EXPECT_EQ(QOR_open_links(qor("none").c_str(), 4, &l), QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("none"), 2120, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("none"), 2120, ENOENT);
 }
 
 TEST_F(Links, UnreadableDirectoryIsRecordedAsUnprivilegedUser) {
@@ -256,9 +250,7 @@ TEST_F(Links, FailingReadIsRecordedWithContext2132) {
     ASSERT_EQ(QOR_open_links(qor("d").c_str(), 1, &l), 0);
     qor_fault_fail(QF_readdir, EBADF, 0, 1);
     EXPECT_EQ(QOR_next_link(l), QOR_E_BAD_DESCRIPTOR);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_BAD_DESCRIPTOR, os("d"), 2132, EBADF));
+    EXPECT_ONE_RECORDED(log, QOR_E_BAD_DESCRIPTOR, os("d"), 2132, EBADF);
     // The listing goes on afterwards and closes normally.
     ASSERT_EQ(QOR_next_link(l), 0);
     EXPECT_STREQ(l->name, "x");
@@ -288,9 +280,7 @@ TEST_F(Links, HundredAndOneInterruptedReadsAreRecorded) {
     qor_fault_fail(QF_readdir, EINTR, 0, 101);
     EXPECT_EQ(QOR_next_link(l), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_readdir), 101);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_INTERRUPTED, os("d"), 2132, EINTR));
+    EXPECT_ONE_RECORDED(log, QOR_E_INTERRUPTED, os("d"), 2132, EINTR);
     EXPECT_EQ(QOR_close_links(l), 0);
 }
 
@@ -360,8 +350,7 @@ TEST_F(Links, FailingCloseIsRecordedAndTheListingFreed) {
                                         : QOR_E_BAD_DESCRIPTOR;
         EXPECT_EQ(QOR_close_links(l), status);
         EXPECT_EQ(qor_fault_calls(QF_closedir), err == EINTR ? 101 : 1);
-        ASSERT_EQ(log.messages.size(), 1u);
-        EXPECT_EQ(log.messages[0], recorded(status, os(dir), 2120, err));
+        EXPECT_ONE_RECORDED(log, status, os(dir), 2120, err);
         qor_fault_reset();
         closedir(stream);
     }

@@ -32,6 +32,12 @@ inline Message recorded(int status, const std::string &os_path, int context,
          MessageLog::text_of(3) + " $0=" + std::to_string(err)});
 }
 
+// The log holds exactly one message: the one recording errno err.
+#define EXPECT_ONE_RECORDED(log, status, os_path, context, err)      \
+    EXPECT_EQ((log).messages,                                        \
+              std::vector<::objects_test::Message>{                  \
+                  ::objects_test::recorded(status, os_path, context, err)})
+
 inline void make_file(const std::string &path, mode_t mode = 0644) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
     ASSERT_GE(fd, 0) << path;

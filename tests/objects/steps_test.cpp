@@ -45,9 +45,7 @@ TEST_F(Steps, QuietRemovalOfAMissingFileGives2052WithoutMessage) {
 TEST_F(Steps, LoudRemovalOfAMissingFileIsRecorded) {
     MessageLog log;
     EXPECT_EQ(steps::remove_file(qor("none").c_str(), false), QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("none"), 2103, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("none"), 2103, ENOENT);
 }
 
 TEST_F(Steps, QuietRemovalRecordsEveryOtherFailure) {
@@ -55,9 +53,7 @@ TEST_F(Steps, QuietRemovalRecordsEveryOtherFailure) {
     MessageLog log;
     // Linux refuses to unlink a directory with EISDIR.
     EXPECT_EQ(steps::remove_file(qor("d").c_str(), true), QOR_E_WRONG_KIND);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_WRONG_KIND, os("d"), 2103, EISDIR));
+    EXPECT_ONE_RECORDED(log, QOR_E_WRONG_KIND, os("d"), 2103, EISDIR);
 }
 
 TEST_F(Steps, RemovingANonEmptyDirectoryGives2065) {
@@ -65,9 +61,7 @@ TEST_F(Steps, RemovingANonEmptyDirectoryGives2065) {
     make_file(os("d/x"));
     MessageLog log;
     EXPECT_EQ(steps::remove_directory(qor("d").c_str()), QOR_E_NOT_EMPTY);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY));
+    EXPECT_ONE_RECORDED(log, QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY);
     EXPECT_EQ(steps::remove_directory(qor("none").c_str()), QOR_E_MISSING);
     EXPECT_EQ(log.messages.size(), 2u);
 }

@@ -168,8 +168,7 @@ TEST_F(Type, StatFailureIsRecordedWithContext2128) {
     int s = 0;
     EXPECT_EQ(type_of(qor("d"), &s), kUntouched);
     EXPECT_EQ(s, QOR_E_IO);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0], recorded(QOR_E_IO, os("d"), 2128, EIO));
+    EXPECT_ONE_RECORDED(log, QOR_E_IO, os("d"), 2128, EIO);
 }
 
 TEST_F(Type, SearchDeniedIsRecordedAsUnprivilegedUser) {
@@ -273,9 +272,7 @@ TEST_F(Type, CheckWithOneEntryAndNoNamesRecordsTheDirectory) {
     MessageLog log;
     EXPECT_EQ(QOR_check_directory(qor("d").c_str(), nullptr),
               QOR_E_NOT_EMPTY);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY));
+    EXPECT_ONE_RECORDED(log, QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY);
 }
 
 TEST_F(Type, CheckAcceptsExactlyTheNamesGiven) {
@@ -319,18 +316,14 @@ TEST_F(Type, CheckWithSeventeenOrMoreNamesBehavesAsWithFewer) {
                                   n(11), n(12), n(13), n(14), n(15), n(16),
                                   n(17), n(19), nullptr),
               QOR_E_NOT_EMPTY);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY));
+    EXPECT_ONE_RECORDED(log, QOR_E_NOT_EMPTY, os("d"), 2104, ENOTEMPTY);
 }
 
 TEST_F(Type, CheckOfMissingDirectoryKeepsTheListingStatus) {
     MessageLog log;
     EXPECT_EQ(QOR_check_directory(qor("none").c_str(), nullptr),
               QOR_E_MISSING);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0],
-              recorded(QOR_E_MISSING, os("none"), 2120, ENOENT));
+    EXPECT_ONE_RECORDED(log, QOR_E_MISSING, os("none"), 2120, ENOENT);
 }
 
 TEST_F(Type, CheckOfUntranslatablePathGives2051WithoutMessage) {
@@ -347,8 +340,7 @@ TEST_F(Type, CheckKeepsAFailingReadOfTheListing) {
     qor_fault_reset();
     qor_fault_fail(QF_readdir, EIO, 0, 1);
     EXPECT_EQ(QOR_check_directory(qor("d").c_str(), "x", nullptr), QOR_E_IO);
-    ASSERT_EQ(log.messages.size(), 1u);
-    EXPECT_EQ(log.messages[0], recorded(QOR_E_IO, os("d"), 2132, EIO));
+    EXPECT_ONE_RECORDED(log, QOR_E_IO, os("d"), 2132, EIO);
     EXPECT_EQ(qor_fault_calls(QF_closedir), 1);
 }
 
