@@ -363,8 +363,7 @@ TEST_F(IdleBlocks, FullDiscAsksTheHandlerAndRetriesWhileItAnswers0) {
         EXPECT_EQ(QOR_write_idle_block(rec, 0, "efgh", 4), QOR_E_RESOURCE);
         EXPECT_EQ(handler.calls.size(), 2u);
     }
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2058, body_, QOR_CTX_WRITE, ENOSPC)}));
+    EXPECT_ONE_RECORDED(log, 2058, body_, QOR_CTX_WRITE, ENOSPC);
     EXPECT_EQ(QOR_close_contents(rec), 0);
     EXPECT_EQ(qor_test::read_file(body_), "abcd");
 }
@@ -410,17 +409,10 @@ TEST_F(IdleBlocks, NegativeLengthIsAnAssertionFailure) {
 TEST_F(IdleBlocks, NegativeLengthJumpsToAnArmedHandlerWithStatus1) {
     QOR_contents_record *rec = open_body();
     MessageLog log;
-    volatile int jumped = 0;
-    const int value = setjmp(QOR_fatal_handler);
-    if (value == 0) {
-        QOR_exception_handler_state = 1;
+    const int jumped = qor_test::catch_fatal([&] {
         char buf[1];
         QOR_write_idle_block(rec, 0, buf, -5);
-        QOR_exception_handler_state = 0;
-    } else {
-        jumped = value;
-    }
-    QOR_exception_handler_state = 0;
+    });
     EXPECT_EQ(jumped, 1);
     ASSERT_EQ(log.messages.size(), 1u);
     EXPECT_EQ(log.messages[0].type, QOR_MSG_FATAL);

@@ -213,9 +213,7 @@ TEST_F(ContentsLock, InterruptedLockingIsMadeAgain101CallsInAll) {
     EXPECT_EQ(QOR_lock_contents(rec, 1), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
     EXPECT_EQ(rec->lock_mode, 3u);  // as the last success left it
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2063, os("f"),
-                                             QOR_CTX_LOCK_CONTENTS, EINTR)}));
+    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_LOCK_CONTENTS, EINTR);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -224,9 +222,7 @@ TEST_F(ContentsLock, DeadlockIsRecorded) {
     QOR_contents_record *rec = open_f(0x04, 0);
     qor_fault_fail(QF_fcntl, EDEADLK, 0, 1);
     EXPECT_EQ(QOR_lock_contents(rec, 4), QOR_E_DEADLOCK);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2064, os("f"),
-                                             QOR_CTX_LOCK_CONTENTS, EDEADLK)}));
+    EXPECT_ONE_RECORDED(log, 2064, os("f"), QOR_CTX_LOCK_CONTENTS, EDEADLK);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -257,9 +253,7 @@ TEST_F(ContentsLock, FailingUnlockIsRecordedOnceAndNotMadeAgain) {
     EXPECT_EQ(QOR_unlock_contents(rec), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_fcntl), 1);
     EXPECT_EQ(rec->lock_mode, 3u);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2063, os("f"),
-                                             QOR_CTX_UNLOCK_CONTENTS, EINTR)}));
+    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_UNLOCK_CONTENTS, EINTR);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 

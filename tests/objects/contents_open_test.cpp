@@ -103,8 +103,7 @@ TEST_F(ContentsOpen, CreateExclusivelyOnAnExistingFileGives2053) {
     MessageLog log;
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x82, 0, &rec), QOR_E_EXISTS);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2053, os("f"), QOR_CTX_OPEN, EEXIST)}));
+    EXPECT_ONE_RECORDED(log, 2053, os("f"), QOR_CTX_OPEN, EEXIST);
     EXPECT_EQ(qor_test::read_file(os("f")), "abc");
 }
 
@@ -112,8 +111,7 @@ TEST_F(ContentsOpen, MissingFileGives2052AfterOneMessage) {
     MessageLog log;
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x01, 1, &rec), QOR_E_MISSING);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2052, os("f"), QOR_CTX_OPEN, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("f"), QOR_CTX_OPEN, ENOENT);
 }
 
 TEST_F(ContentsOpen, UntranslatablePathGives2051WithNoMessage) {
@@ -188,9 +186,7 @@ TEST_F(ContentsOpen, LockRequestAboveFourGives2070) {
     MessageLog log;
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x04, 5, &rec), QOR_E_INVALID);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2070, os("f"),
-                                             QOR_CTX_LOCK_CONTENTS, EINVAL)}));
+    EXPECT_ONE_RECORDED(log, 2070, os("f"), QOR_CTX_LOCK_CONTENTS, EINVAL);
 }
 
 TEST_F(ContentsOpen, TruncateWithExclusiveRequestWaitsForTheLock) {
@@ -261,8 +257,7 @@ TEST_F(ContentsOpen, FailingTruncatingReopenClosesTheRecord) {
     EXPECT_EQ(open_file("f", 0x14, 3, &rec), QOR_E_PERMISSION);
     EXPECT_EQ(rec, nullptr);
     EXPECT_EQ(qor_test::read_file(os("f")), "precious");
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2055, os("f"), QOR_CTX_OPEN, EACCES)}));
+    EXPECT_ONE_RECORDED(log, 2055, os("f"), QOR_CTX_OPEN, EACCES);
     EXPECT_TRUE(descriptors_on(os("f")).empty());
 }
 
@@ -272,8 +267,7 @@ TEST_F(ContentsOpen, FailingCloseOfTheFirstDescriptorClosesTheRecord) {
     qor_fault_fail(QF_close, EIO, 0, 1);
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x14, 3, &rec), QOR_E_IO);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2056, os("f"), QOR_CTX_OPEN, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_OPEN, EIO);
     // The injected failure kept the first descriptor open; the record's
     // own was closed with it.
     EXPECT_EQ(descriptors_on(os("f")).size(), 1u);
@@ -299,9 +293,7 @@ TEST_F(ContentsOpen, LockFailureOtherThanAConflictIsRecordedAndClosesTheRecord) 
     qor_fault_fail(QF_fcntl, ENOLCK, 0, 1);
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x04, 3, &rec), QOR_E_RESOURCE);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2058, os("f"),
-                                             QOR_CTX_LOCK_CONTENTS, ENOLCK)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("f"), QOR_CTX_LOCK_CONTENTS, ENOLCK);
     EXPECT_TRUE(descriptors_on(os("f")).empty());
 }
 
@@ -329,8 +321,7 @@ TEST_F(ContentsOpen, InterruptedOpenIsMadeAgain101CallsInAll) {
     qor_fault_fail(QF_open, EINTR, 0, 101);
     EXPECT_EQ(open_file("f", 0x01, 0, &rec), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_open), 101);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2063, os("f"), QOR_CTX_OPEN, EINTR)}));
+    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_OPEN, EINTR);
 }
 
 TEST_F(ContentsOpen, InterruptedLockIsMadeAgain101CallsInAll) {
@@ -349,9 +340,7 @@ TEST_F(ContentsOpen, InterruptedLockIsMadeAgain101CallsInAll) {
     qor_fault_fail(QF_fcntl, EINTR, 0, 101);
     EXPECT_EQ(open_file("f", 0x04, 4, &rec), QOR_E_INTERRUPTED);
     EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2063, os("f"),
-                                             QOR_CTX_LOCK_CONTENTS, EINTR)}));
+    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_LOCK_CONTENTS, EINTR);
 }
 
 TEST_F(ContentsOpen, InterruptedTruncatingReopenIsMadeAgain) {
@@ -384,8 +373,7 @@ TEST_F(ContentsOpen, FullDiscOnACreatingOpenAsksTheHandler) {
         EXPECT_EQ(open_file("g", 0x42, 0, &rec), QOR_E_RESOURCE);
         EXPECT_EQ(handler.calls.size(), 1u);
     }
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2058, os("g"), QOR_CTX_OPEN, ENOSPC)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("g"), QOR_CTX_OPEN, ENOSPC);
     EXPECT_FALSE(qor_test::exists(os("g")));
 }
 
@@ -486,8 +474,7 @@ TEST_F(ContentsOpen, CreatingExclusivelyOnAnExistingObjectGives2053) {
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(QOR_open_contents(qor("c").c_str(), 3, 0x82, 0, &rec),
               QOR_E_EXISTS);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2053, os("c"), QOR_CTX_OPEN, EEXIST)}));
+    EXPECT_ONE_RECORDED(log, 2053, os("c"), QOR_CTX_OPEN, EEXIST);
     EXPECT_EQ(qor_fault_calls(QF_open), 0);
     EXPECT_EQ(entries(os("c")), (Names{".body", ".lock"}));
 }
@@ -521,9 +508,7 @@ TEST_F(ContentsOpen, MissingObjectWithoutCreateFlagsGives2052) {
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(QOR_open_contents(qor("c").c_str(), 3, 0x04, 0, &rec),
               QOR_E_MISSING);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2052, os("c") + "/.body",
-                                             QOR_CTX_OPEN, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("c") + "/.body", QOR_CTX_OPEN, ENOENT);
     EXPECT_FALSE(qor_test::exists(os("c")));
 }
 
@@ -532,10 +517,7 @@ TEST_F(ContentsOpen, FailedCreationIsReturned) {
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(QOR_open_contents(qor("no/c").c_str(), 3, 0x42, 0, &rec),
               QOR_E_MISSING);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2052, os("no/c"),
-                                             QOR_CTX_CREATE_DIRECTORY,
-                                             ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("no/c"), QOR_CTX_CREATE_DIRECTORY, ENOENT);
 }
 
 TEST_F(ContentsOpen, FailedDetectionIsReturned) {
@@ -544,8 +526,7 @@ TEST_F(ContentsOpen, FailedDetectionIsReturned) {
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(QOR_open_contents(qor("c").c_str(), 3, 0x42, 0, &rec),
               QOR_E_IO);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2056, os("c"), QOR_CTX_FIND_TYPE, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("c"), QOR_CTX_FIND_TYPE, EIO);
     EXPECT_FALSE(qor_test::exists(os("c")));
 }
 
@@ -565,9 +546,7 @@ TEST_F(ContentsOpen, IdleIndexIsCreatedOnlyThroughTheCreateFlags) {
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(QOR_open_idle_index(qor("c").c_str(), 0x04, 0, &rec),
               QOR_E_MISSING);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2052, os("c") + "/.index",
-                                             QOR_CTX_OPEN, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("c") + "/.index", QOR_CTX_OPEN, ENOENT);
     ASSERT_EQ(QOR_open_idle_index(qor("c").c_str(), 0x44, 0, &rec), 0);
     EXPECT_EQ(QOR_close_contents(rec), 0);
     EXPECT_EQ(entries(os("c")), (Names{".body", ".index", ".lock"}));

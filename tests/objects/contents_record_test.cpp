@@ -42,9 +42,7 @@ TEST_F(ContentsRecord, FailingSizeIsRecordedAndLeavesTheSizeAlone) {
     uint64_t size = 77;
     EXPECT_EQ(QOR_read_open_contents_size(rec, &size), QOR_E_IO);
     EXPECT_EQ(size, 77u);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("f"),
-                                             QOR_CTX_READ_OPEN_SIZE, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_READ_OPEN_SIZE, EIO);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -113,8 +111,7 @@ TEST_F(ContentsRecord, FailingFdopenIsRecordedAndLeavesNoStream) {
     EXPECT_EQ(QOR_get_file_ptr(rec, &s), QOR_E_RESOURCE);
     EXPECT_EQ(s, nullptr);
     EXPECT_EQ(rec->stream, nullptr);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2058, os("f"), QOR_CTX_OPEN, ENOMEM)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("f"), QOR_CTX_OPEN, ENOMEM);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -248,8 +245,7 @@ TEST_F(ContentsRecord, TruncateOfAReadOnlyRecordGives2059) {
     qor_fault_reset();
     EXPECT_EQ(QOR_truncate_contents(rec), QOR_E_BAD_DESCRIPTOR);
     EXPECT_EQ(qor_fault_calls(QF_open), 0);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2059, os("f"), QOR_CTX_TRUNCATE, EBADF)}));
+    EXPECT_ONE_RECORDED(log, 2059, os("f"), QOR_CTX_TRUNCATE, EBADF);
     EXPECT_EQ(QOR_close_contents(rec), 0);
     EXPECT_EQ(qor_test::read_file(os("f")), "0123456789");
 }
@@ -259,8 +255,7 @@ TEST_F(ContentsRecord, TruncateReturnsAFailingFlush) {
     MessageLog log;
     qor_fault_fail(QF_fsync, EIO, 0, 1);
     EXPECT_EQ(QOR_truncate_contents(rec), QOR_E_IO);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2056, os("f"), QOR_CTX_FLUSH, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_FLUSH, EIO);
     EXPECT_EQ(size_of(rec->fd), 10);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
@@ -355,8 +350,7 @@ TEST_F(ContentsRecord, FailingCloseIsRecordedAndStillReleasesTheRecord) {
     MessageLog log;
     qor_fault_fail(QF_close, EIO, 0, 1);
     EXPECT_EQ(QOR_close_contents(rec), QOR_E_IO);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2056, os("f"), QOR_CTX_CLOSE, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_CLOSE, EIO);
     close_descriptors_on(os("f"));  // the injected failure kept it open
     // The record went back to the pool: the next open takes it again.
     QOR_contents_record *again = open_f(0x01);
@@ -371,8 +365,7 @@ TEST_F(ContentsRecord, FailingStreamCloseIsRecordedToo) {
     MessageLog log;
     qor_fault_fail(QF_fclose, EBADF, 0, 1);
     EXPECT_EQ(QOR_close_contents(rec), QOR_E_BAD_DESCRIPTOR);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2059, os("f"), QOR_CTX_CLOSE, EBADF)}));
+    EXPECT_ONE_RECORDED(log, 2059, os("f"), QOR_CTX_CLOSE, EBADF);
     fclose(s);  // the injected failure left the stream open
 }
 
@@ -439,8 +432,7 @@ TEST_F(ContentsRecord, RedirectOfALockedRecordGives2059) {
     qor_fault_reset();
     EXPECT_EQ(QOR_redirect_stream(rec, stdout), QOR_E_BAD_DESCRIPTOR);
     EXPECT_EQ(qor_fault_calls(QF_fflush), 0);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2059, os("f"), QOR_CTX_REDIRECT, EBADF)}));
+    EXPECT_ONE_RECORDED(log, 2059, os("f"), QOR_CTX_REDIRECT, EBADF);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -486,8 +478,7 @@ TEST_F(ContentsRecord, RedirectWhoseOwnCloseFailsStillTakesTheNewFile) {
     MessageLog log;
     qor_fault_fail(QF_close, EIO, 0, 1);
     EXPECT_EQ(QOR_redirect_stream(rec, former), QOR_E_IO);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2056, os("f"), QOR_CTX_REDIRECT, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_REDIRECT, EIO);
     EXPECT_NE(rec->fd, own);
     ::close(own);  // the injected failure kept it open
     EXPECT_EQ(QOR_close_contents(rec), 0);

@@ -118,9 +118,7 @@ TEST_F(Copy, TypeAboveFourGives2070) {
     make_source("s", 4);
     MessageLog log;
     EXPECT_EQ(copy("s", 5, "t"), QOR_E_INVALID);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2070, os("t"),
-                                             QOR_CTX_COPY_CONTENTS, EINVAL)}));
+    EXPECT_ONE_RECORDED(log, 2070, os("t"), QOR_CTX_COPY_CONTENTS, EINVAL);
     EXPECT_FALSE(qor_test::exists(os("t")));
 }
 
@@ -141,9 +139,7 @@ TEST_F(Copy, MissingSourceLeavesNoTarget) {
     MessageLog log;
     EXPECT_EQ(copy("s", 3, "t"), QOR_E_MISSING);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2052, os("s/.body"),
-                                             QOR_CTX_OPEN, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("s/.body"), QOR_CTX_OPEN, ENOENT);
 }
 
 // ---- Failures while writing ------------------------------------------------
@@ -154,9 +150,7 @@ TEST_F(Copy, FailedWriteRemovesATargetFileItCreated) {
     qor_fault_fail(QF_write, EIO, 0, 1);
     EXPECT_EQ(copy("s", 0, "t"), QOR_E_IO);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, FailedWriteKeepsATargetFileThatExisted) {
@@ -175,9 +169,7 @@ TEST_F(Copy, FailedReadIsRecordedWithTheSource) {
     qor_fault_fail(QF_read, EIO, 0, 1);
     EXPECT_EQ(copy("s", 0, "t"), QOR_E_IO);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("s"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("s"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, ShortWritesGoOnQuietly) {
@@ -233,9 +225,7 @@ TEST_F(Copy, FullDiscAsksTheHandlerThenGivesUpWhenItAnswers1) {
         }
         EXPECT_EQ(qor_fault_calls(QF_write), 2);
     }
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2058, os("t/.body"),
-                                             QOR_CTX_COPY_CONTENTS, ENOSPC)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("t/.body"), QOR_CTX_COPY_CONTENTS, ENOSPC);
     EXPECT_FALSE(qor_test::exists(os("t")));
     {
         qor_test::DiscFullHandler handler({0});
@@ -267,10 +257,7 @@ TEST_F(Copy, FailedDirectoryMakesNothing) {
     qor_fault_fail(QF_mkdir, EACCES, 0, 1);
     EXPECT_EQ(copy("s", 4, "t"), QOR_E_PERMISSION);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2055, os("t"),
-                                             QOR_CTX_CREATE_DIRECTORY,
-                                             EACCES)}));
+    EXPECT_ONE_RECORDED(log, 2055, os("t"), QOR_CTX_CREATE_DIRECTORY, EACCES);
 }
 
 TEST_F(Copy, FailedLockRemovesTheDirectoryItMade) {
@@ -280,9 +267,7 @@ TEST_F(Copy, FailedLockRemovesTheDirectoryItMade) {
     qor_fault_filter_path(QF_open, (os("t") + "/.lock").c_str());
     EXPECT_EQ(copy("s", 3, "t"), QOR_E_PERMISSION);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2055, os("t/.lock"),
-                                             QOR_CTX_CREATE_FILE, EACCES)}));
+    EXPECT_ONE_RECORDED(log, 2055, os("t/.lock"), QOR_CTX_CREATE_FILE, EACCES);
 }
 
 TEST_F(Copy, FailedLockKeepsADirectoryThatExisted) {
@@ -294,9 +279,7 @@ TEST_F(Copy, FailedLockKeepsADirectoryThatExisted) {
     qor_fault_filter_path(QF_open, (os("t") + "/.lock").c_str());
     EXPECT_EQ(copy("s", 3, "t"), QOR_E_PERMISSION);
     EXPECT_EQ(entries(os("t")), Names{"link"});
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2055, os("t/.lock"),
-                                             QOR_CTX_CREATE_FILE, EACCES)}));
+    EXPECT_ONE_RECORDED(log, 2055, os("t/.lock"), QOR_CTX_CREATE_FILE, EACCES);
 }
 
 TEST_F(Copy, FailedBodyRemovesTheLockAndDirectoryItMade) {
@@ -305,9 +288,7 @@ TEST_F(Copy, FailedBodyRemovesTheLockAndDirectoryItMade) {
     qor_fault_fail(QF_write, EIO, 0, 1);
     EXPECT_EQ(copy("s", 3, "t"), QOR_E_IO);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.body"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.body"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, FailedBodyKeepsTheLockThatExisted) {
@@ -317,9 +298,7 @@ TEST_F(Copy, FailedBodyKeepsTheLockThatExisted) {
     qor_fault_fail(QF_write, EIO, 0, 1);
     EXPECT_EQ(copy("s", 3, "t"), QOR_E_IO);
     EXPECT_EQ(entries(os("t")), Names{".lock"});
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.body"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.body"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, FailedIndexRemovesTheBodyLockAndDirectoryItMade) {
@@ -329,9 +308,7 @@ TEST_F(Copy, FailedIndexRemovesTheBodyLockAndDirectoryItMade) {
     qor_fault_fail(QF_write, EIO, 1, 1);  // the body's write passes
     EXPECT_EQ(copy("s", 4, "t"), QOR_E_IO);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.index"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.index"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, FailedIndexKeepsTheMembersThatExisted) {
@@ -345,9 +322,7 @@ TEST_F(Copy, FailedIndexKeepsTheMembersThatExisted) {
     // The body existed: rewritten, kept; the index did not: gone.
     EXPECT_EQ(entries(os("t")), (Names{".body", ".lock"}));
     EXPECT_EQ(qor_test::read_file(os("t/.body")), "body of s");
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.index"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.index"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 TEST_F(Copy, FailedIndexRemovesANewBodyButKeepsAnExistingLock) {
@@ -358,9 +333,7 @@ TEST_F(Copy, FailedIndexRemovesANewBodyButKeepsAnExistingLock) {
     qor_fault_fail(QF_write, EIO, 1, 1);
     EXPECT_EQ(copy("s", 4, "t"), QOR_E_IO);
     EXPECT_EQ(entries(os("t")), Names{".lock"});
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.index"),
-                                             QOR_CTX_COPY_CONTENTS, EIO)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.index"), QOR_CTX_COPY_CONTENTS, EIO);
 }
 
 // Every host call of a copy made to fail in turn, for each composite type
@@ -457,9 +430,7 @@ TEST_F(Copy, NewTargetLockedAtOnceIsRemovedAgain) {
     qor_fault_fail(QF_fcntl, ENOLCK, 1, 1);
     EXPECT_EQ(copy("s", 0, "t"), QOR_E_RESOURCE);
     EXPECT_FALSE(qor_test::exists(os("t")));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2058, os("t"),
-                                             QOR_CTX_LOCK_CONTENTS, ENOLCK)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("t"), QOR_CTX_LOCK_CONTENTS, ENOLCK);
 }
 
 TEST_F(Copy, WhileCopyingSourceIsSharedAndTargetExclusive) {

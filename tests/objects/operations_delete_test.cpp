@@ -37,8 +37,7 @@ TEST_F(Delete, EveryTypeIsRemovedWhole) {
 TEST_F(Delete, MissingPlainFileIsRecorded) {
     MessageLog log;
     EXPECT_EQ(del("f", 0), QOR_E_MISSING);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2052, os("f"), QOR_CTX_DELETE_FILE, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("f"), QOR_CTX_DELETE_FILE, ENOENT);
 }
 
 TEST_F(Delete, PlainDirectoryIsNotCheckedButMustBeEmpty) {
@@ -48,10 +47,7 @@ TEST_F(Delete, PlainDirectoryIsNotCheckedButMustBeEmpty) {
     qor_fault_reset();
     EXPECT_EQ(del("d", 1), QOR_E_NOT_EMPTY);
     EXPECT_EQ(qor_fault_calls(QF_opendir), 0);  // no check
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2065, os("d"),
-                                             QOR_CTX_REMOVE_DIRECTORY,
-                                             ENOTEMPTY)}));
+    EXPECT_ONE_RECORDED(log, 2065, os("d"), QOR_CTX_REMOVE_DIRECTORY, ENOTEMPTY);
 }
 
 TEST_F(Delete, CheckedDeletionOfACdirWithALinkRemovesNothing) {
@@ -62,10 +58,7 @@ TEST_F(Delete, CheckedDeletionOfACdirWithALinkRemovesNothing) {
     EXPECT_EQ(del("c", 3), QOR_E_NOT_EMPTY);
     EXPECT_EQ(qor_fault_calls(QF_unlink) + qor_fault_calls(QF_rmdir), 0);
     EXPECT_EQ(entries(os("c")), (Names{".body", ".lock", "link"}));
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2065, os("c"),
-                                             QOR_CTX_REMOVE_DIRECTORY,
-                                             ENOTEMPTY)}));
+    EXPECT_ONE_RECORDED(log, 2065, os("c"), QOR_CTX_REMOVE_DIRECTORY, ENOTEMPTY);
 }
 
 TEST_F(Delete, UncheckedDeletionOfACdirWithALinkRemovesTheMembersAndFails) {
@@ -74,10 +67,7 @@ TEST_F(Delete, UncheckedDeletionOfACdirWithALinkRemovesTheMembersAndFails) {
     MessageLog log;
     EXPECT_EQ(unchecked("c", 3), QOR_E_NOT_EMPTY);
     EXPECT_EQ(entries(os("c")), Names{"link"});
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2065, os("c"),
-                                             QOR_CTX_REMOVE_DIRECTORY,
-                                             ENOTEMPTY)}));
+    EXPECT_ONE_RECORDED(log, 2065, os("c"), QOR_CTX_REMOVE_DIRECTORY, ENOTEMPTY);
 }
 
 TEST_F(Delete, CheckAllowsExactlyTheMembersOfTheType) {
@@ -104,10 +94,7 @@ TEST_F(Delete, DbiLockPassesTheCheckButTheDirectoryRemovalFails) {
     MessageLog log;
     EXPECT_EQ(del("i", 4), QOR_E_NOT_EMPTY);
     EXPECT_EQ(entries(os("i")), Names{"dbi.lock"});
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2065, os("i"),
-                                             QOR_CTX_REMOVE_DIRECTORY,
-                                             ENOTEMPTY)}));
+    EXPECT_ONE_RECORDED(log, 2065, os("i"), QOR_CTX_REMOVE_DIRECTORY, ENOTEMPTY);
 }
 
 TEST_F(Delete, MissingMembersAreAccepted) {
@@ -143,9 +130,7 @@ TEST_F(Delete, MembersGoInTheOrderIndexBodyLock) {
         for (int k = failing; k < 3; ++k) left.push_back(members[k]);
         std::sort(left.begin(), left.end());
         EXPECT_EQ(entries(os(name)), left) << failing;
-        EXPECT_EQ(log.messages,
-                  (std::vector<Message>{recorded(2055, member,
-                                                 QOR_CTX_DELETE_FILE, EPERM)}));
+        EXPECT_ONE_RECORDED(log, 2055, member, QOR_CTX_DELETE_FILE, EPERM);
     }
     EXPECT_EQ(del("i", 4), 0);
 }
@@ -179,8 +164,7 @@ TEST_F(Delete, TypeAboveFourGives2070) {
     make_object(os("i"), 4);
     MessageLog log;
     EXPECT_EQ(del("i", 9), QOR_E_INVALID);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2070, os("i"), QOR_CTX_DELETE_FILE, EINVAL)}));
+    EXPECT_ONE_RECORDED(log, 2070, os("i"), QOR_CTX_DELETE_FILE, EINVAL);
     EXPECT_EQ(entries(os("i")), (Names{".body", ".index", ".lock"}));
 }
 

@@ -59,8 +59,7 @@ TEST_F(ObjectLocks, PlainFilesAndDirectoriesCannotBeLocked) {
 TEST_F(ObjectLocks, TypeAboveFourGives2070) {
     MessageLog log;
     EXPECT_EQ(QOR_lock_object(qor("o").c_str(), 5, 3), QOR_E_INVALID);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2070, os("o"), QOR_CTX_LOCK_OBJECT, EINVAL)}));
+    EXPECT_ONE_RECORDED(log, 2070, os("o"), QOR_CTX_LOCK_OBJECT, EINVAL);
 }
 
 TEST_F(ObjectLocks, UnlockingWhatThisProcessHasNotLockedGives2061) {
@@ -168,9 +167,7 @@ TEST_F(ObjectLocks, FailingUnlockStillRemovesTheEntry) {
     MessageLog log;
     qor_fault_fail(QF_fcntl, ENOLCK, 0, 1);
     EXPECT_EQ(QOR_unlock_object(qor("o").c_str(), 3), QOR_E_RESOURCE);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2058, os("o/.lock"),
-                                             QOR_CTX_UNLOCK_CONTENTS, ENOLCK)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("o/.lock"), QOR_CTX_UNLOCK_CONTENTS, ENOLCK);
     EXPECT_EQ(mode_of_lock("o"), 0u);
     EXPECT_TRUE(descriptors_on(os("o")).empty());
 }
@@ -220,8 +217,7 @@ TEST_F(ObjectLocks, WaitingRequestBlocksUntilTheHolderLetsGo) {
 TEST_F(ObjectLocks, MissingObjectGivesTheOpenFailureAndNoEntry) {
     MessageLog log;
     EXPECT_EQ(QOR_lock_object(qor("none").c_str(), 3, 3), QOR_E_MISSING);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2052, os("none/.lock"), QOR_CTX_OPEN, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("none/.lock"), QOR_CTX_OPEN, ENOENT);
     EXPECT_EQ(QOR_unlock_object(qor("none").c_str(), 3), QOR_E_NOT_LOCKED);
 }
 

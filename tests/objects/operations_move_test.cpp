@@ -107,17 +107,14 @@ TEST_F(Move, OtherDeletionFailuresAreReturnedAsTheyAre) {
     MessageLog log;
     qor_fault_fail(QF_unlink, EBUSY, 0, 1);
     EXPECT_EQ(move("s", 3, "t"), QOR_E_IO);
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{recorded(2056, os("t/.body"),
-                                             QOR_CTX_DELETE_FILE, EBUSY)}));
+    EXPECT_ONE_RECORDED(log, 2056, os("t/.body"), QOR_CTX_DELETE_FILE, EBUSY);
     EXPECT_TRUE(qor_test::exists(os("s")));
 }
 
 TEST_F(Move, MissingSourceIsRecordedWithTheSourcesPath) {
     MessageLog log;
     EXPECT_EQ(move("s", 3, "t"), QOR_E_MISSING);
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2052, os("s"), QOR_CTX_MOVE_OBJECT, ENOENT)}));
+    EXPECT_ONE_RECORDED(log, 2052, os("s"), QOR_CTX_MOVE_OBJECT, ENOENT);
 }
 
 TEST_F(Move, RenameErrnoValuesAndThePathsTheyAreRecordedWith) {
@@ -166,8 +163,7 @@ TEST_F(Move, FullDiscAsksTheHandlerAndRetriesWhileItAnswers0) {
         EXPECT_EQ(handler.calls.size(), 2u);
         EXPECT_EQ(qor_fault_calls(QF_rename), 2);
     }
-    EXPECT_EQ(log.messages, (std::vector<Message>{recorded(
-                                2058, os("u"), QOR_CTX_MOVE_OBJECT, ENOSPC)}));
+    EXPECT_ONE_RECORDED(log, 2058, os("u"), QOR_CTX_MOVE_OBJECT, ENOSPC);
     EXPECT_TRUE(qor_test::exists(os("t")));
 }
 
