@@ -297,8 +297,11 @@ int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
     return remove(path);
 }
 
+// The tour's objects, named as host paths under its scratch directory.
+char tour_ledger[80], tour_copy[80], tour_archive[80];
+
 int tour_idle_blocks() {
-    const char *object = "$(QOR_TOUR_OBJECTS2)/ledger";
+    const char *object = tour_ledger;
     QOR_contents_record *body = nullptr;
     // Opening an idle object's body with the create flag makes the object.
     int s = QOR_open_contents(object, QOR_IDLE_OBJECT,
@@ -337,7 +340,7 @@ int tour_idle_blocks() {
 }
 
 int tour_two_processes() {
-    const char *object = "$(QOR_TOUR_OBJECTS2)/ledger";
+    const char *object = tour_ledger;
     int s = QOR_lock_object(object, QOR_IDLE_OBJECT, QOR_LOCK_EXCLUSIVE);
     printf("this process locks the object exclusively -> %d\n", s);
     if (s != 0) return 1;
@@ -390,9 +393,9 @@ int tour_two_processes() {
 }
 
 int tour_copy_and_move() {
-    const char *source = "$(QOR_TOUR_OBJECTS2)/ledger";
-    const char *copy = "$(QOR_TOUR_OBJECTS2)/ledger-copy";
-    const char *moved = "$(QOR_TOUR_OBJECTS2)/archive";
+    const char *source = tour_ledger;
+    const char *copy = tour_copy;
+    const char *moved = tour_archive;
     QOR_contents_record *index = nullptr;
     QOR_open_idle_index(source, QOR_OPEN_READ_WRITE | QOR_OPEN_CREATE,
                         QOR_LOCK_EXCLUSIVE, &index);
@@ -439,7 +442,9 @@ int tour_objects2() {
     tour_heading("Object contents, idle blocks and object operations");
     char dir[] = "/tmp/qor-tour-objects2-XXXXXX";
     if (mkdtemp(dir) == nullptr) return 1;
-    setenv("QOR_TOUR_OBJECTS2", dir, 1);
+    snprintf(tour_ledger, sizeof tour_ledger, "@%s/ledger", dir);
+    snprintf(tour_copy, sizeof tour_copy, "@%s/ledger-copy", dir);
+    snprintf(tour_archive, sizeof tour_archive, "@%s/archive", dir);
     int result = tour_idle_blocks();
     if (result == 0) result = tour_two_processes();
     if (result == 0) result = tour_copy_and_move();
