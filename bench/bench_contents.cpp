@@ -84,62 +84,42 @@ QOR_contents_record *open_idle_body() {
 
 // ---- Idle blocks -------------------------------------------------------------
 
-void BM_IdleWrite(benchmark::State &state) {
+// One block transfer per iteration at the next random offset, through
+// the library or the raw call.
+template <class Transfer>
+void block_io(benchmark::State &state, Transfer transfer) {
     const size_t block = static_cast<size_t>(state.range(0));
     QOR_contents_record *rec = open_idle_body();
     std::string data(block, 'q');
     const auto at = offsets(block);
     size_t i = 0;
     for (auto _ : state) {
-        const int s = QOR_write_idle_block(rec, at[i++ % at.size()], data.data(),
-                                           static_cast<int>(block));
-        benchmark::DoNotOptimize(s);
+        benchmark::DoNotOptimize(
+            transfer(rec, at[i++ % at.size()], data.data(), block));
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * block));
     QOR_close_contents(rec);
 }
 
+void BM_IdleWrite(benchmark::State &state) {
+    block_io(state, [](QOR_contents_record *r, int64_t at, char *p, size_t n) {
+        return QOR_write_idle_block(r, at, p, static_cast<int>(n));
+    });
+}
 void BM_RawPwrite(benchmark::State &state) {
-    const size_t block = static_cast<size_t>(state.range(0));
-    QOR_contents_record *rec = open_idle_body();
-    std::string data(block, 'r');
-    const auto at = offsets(block);
-    size_t i = 0;
-    for (auto _ : state) {
-        const ssize_t n = pwrite(rec->fd, data.data(), block, at[i++ % at.size()]);
-        benchmark::DoNotOptimize(n);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * block));
-    QOR_close_contents(rec);
+    block_io(state, [](QOR_contents_record *r, int64_t at, char *p, size_t n) {
+        return pwrite(r->fd, p, n, at);
+    });
 }
-
 void BM_IdleRead(benchmark::State &state) {
-    const size_t block = static_cast<size_t>(state.range(0));
-    QOR_contents_record *rec = open_idle_body();
-    std::string data(block, '\0');
-    const auto at = offsets(block);
-    size_t i = 0;
-    for (auto _ : state) {
-        const int s = QOR_read_idle_block(rec, at[i++ % at.size()], data.data(),
-                                          static_cast<int>(block));
-        benchmark::DoNotOptimize(s);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * block));
-    QOR_close_contents(rec);
+    block_io(state, [](QOR_contents_record *r, int64_t at, char *p, size_t n) {
+        return QOR_read_idle_block(r, at, p, static_cast<int>(n));
+    });
 }
-
 void BM_RawPread(benchmark::State &state) {
-    const size_t block = static_cast<size_t>(state.range(0));
-    QOR_contents_record *rec = open_idle_body();
-    std::string data(block, '\0');
-    const auto at = offsets(block);
-    size_t i = 0;
-    for (auto _ : state) {
-        const ssize_t n = pread(rec->fd, data.data(), block, at[i++ % at.size()]);
-        benchmark::DoNotOptimize(n);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * block));
-    QOR_close_contents(rec);
+    block_io(state, [](QOR_contents_record *r, int64_t at, char *p, size_t n) {
+        return pread(r->fd, p, n, at);
+    });
 }
 
 // ---- Open, lock, unlock, close -------------------------------------------------

@@ -108,20 +108,38 @@ int failed(const char *command, const char *path, int status) {
     return 1;
 }
 
-int cmd_cp(int argc, char **argv) {
-    const char *usage = "[-t TYPE] SOURCE TARGET";
+// Runs a whole-object operation of "[-t TYPE] SOURCE TARGET"; false when
+// the arguments or the type did not serve (*code is then the exit status).
+bool source_and_target(const char *command, int argc, char **argv,
+                       int (*operation)(const char *, unsigned, const char *),
+                       int *status, unsigned *type, int *code) {
     Options o;
     int i = 0;
     if (!parse_options(argc, argv, "t", &o, &i) || argc - i != 2) {
-        return usage_error("cp", usage);
+        *code = usage_error(command, "[-t TYPE] SOURCE TARGET");
+        return false;
     }
+    if (!object_type(command, argv[i], o, type)) {
+        *code = 1;
+        return false;
+    }
+    *status = operation(argv[i], *type, argv[i + 1]);
+    argv[0] = argv[i];  // the source and target for the caller's report
+    argv[1] = argv[i + 1];
+    return true;
+}
+
+int cmd_cp(int argc, char **argv) {
+    int s = 0, code = 0;
     unsigned type = 0;
-    if (!object_type("cp", argv[i], o, &type)) return 1;
-    const int s = QOR_copy_object(argv[i], type, argv[i + 1]);
-    if (s != 0 && s != QOR_E_TARGET_EXISTS && s != QOR_E_EXISTS) {
-        return failed("cp", argv[i], s);
+    if (!source_and_target("cp", argc, argv, QOR_copy_object, &s, &type,
+                           &code)) {
+        return code;
     }
-    printf("copied %s to %s%s\n", argv[i], argv[i + 1],
+    if (s != 0 && s != QOR_E_TARGET_EXISTS && s != QOR_E_EXISTS) {
+        return failed("cp", argv[0], s);
+    }
+    printf("copied %s to %s%s\n", argv[0], argv[1],
            s == QOR_E_TARGET_EXISTS ? " (replaced the existing target)"
            : s == QOR_E_EXISTS      ? " (its .lock was already there)"
                                     : "");
@@ -129,26 +147,23 @@ int cmd_cp(int argc, char **argv) {
 }
 
 int cmd_mv(int argc, char **argv) {
-    const char *usage = "[-t TYPE] SOURCE TARGET";
-    Options o;
-    int i = 0;
-    if (!parse_options(argc, argv, "t", &o, &i) || argc - i != 2) {
-        return usage_error("mv", usage);
-    }
+    int s = 0, code = 0;
     unsigned type = 0;
-    if (!object_type("mv", argv[i], o, &type)) return 1;
-    const int s = QOR_move_object(argv[i], type, argv[i + 1]);
-    if (s != 0 && s != QOR_E_TARGET_EXISTS) return failed("mv", argv[i], s);
+    if (!source_and_target("mv", argc, argv, QOR_move_object, &s, &type,
+                           &code)) {
+        return code;
+    }
+    if (s != 0 && s != QOR_E_TARGET_EXISTS) return failed("mv", argv[0], s);
     // A target that may not be removed makes the library answer 0 without
     // moving anything (after its message): the source is still there.
     unsigned still = 0;
     if (s == 0 && type != QOR_PLAIN_FILE &&
-        QOR_type_of_object(argv[i], &still) == 0) {
+        QOR_type_of_object(argv[0], &still) == 0) {
         fprintf(stderr, "qor mv: %s: the target may not be replaced; nothing "
-                        "was moved\n", argv[i + 1]);
+                        "was moved\n", argv[1]);
         return 1;
     }
-    printf("moved %s to %s%s\n", argv[i], argv[i + 1],
+    printf("moved %s to %s%s\n", argv[0], argv[1],
            s == QOR_E_TARGET_EXISTS ? " (replaced the existing target)" : "");
     return 0;
 }

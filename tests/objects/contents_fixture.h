@@ -180,6 +180,37 @@ inline long long size_of(int fd) {
     return fstat(fd, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
+// A second process that holds a lock of the given type on the file until
+// it sees this process waiting for the file in the kernel's list, then
+// says 'H' and ends, which lets the lock go. Once a waiting request of the
+// test returns, finding the 'H' already there proves that it waited.
+class HolderUntilBlocked {
+  public:
+    HolderUntilBlocked(const std::string &os_path, short type)
+        : waiter_(getpid()),
+          partner_([this, os_path, type](Partner &p) {
+              const int fd = ::open(os_path.c_str(),
+                                    type == F_RDLCK ? O_RDONLY : O_RDWR);
+              if (fd < 0 || raw_lock(fd, type, false) != 0) return 1;
+              p.tell('L');
+              if (!wait_until_blocked(waiter_)) return 2;
+              p.tell('H');  // before the lock goes
+              return 0;     // the exit drops it
+          }) {
+        held_ = partner_.receive() == 'L';
+    }
+    bool held() const { return held_; }
+    // After the waiting request: the holder let go first, and ended well.
+    bool let_go_first() {
+        return partner_.receive() == 'H' && partner_.finish() == 0;
+    }
+
+  private:
+    pid_t waiter_;
+    Partner partner_;
+    bool held_ = false;
+};
+
 // Random bytes, the same for the same seed.
 inline std::string random_bytes(size_t n, unsigned seed) {
     std::mt19937_64 gen(seed);

@@ -79,26 +79,15 @@ TEST_F(ContentsLock, SecondProcessGets2060AgainstOurLocks) {
     EXPECT_EQ(other_process_opens(0x04, 3), 0);
 }
 
-// The holder lets go only once the kernel shows this process waiting, and
-// says so on the pipe first: the request returning afterwards with the
-// holder's word already there proves that it waited.
+// A waiting request at opening returns only after the holder let go.
 void waits_for_holder(const std::string &os_path, short held, unsigned flags,
                       unsigned request, const std::string &qor_path) {
-    const pid_t me = getpid();
-    Partner holder([&](Partner &p) {
-        const int fd = ::open(os_path.c_str(), O_RDWR);
-        if (fd < 0 || raw_lock(fd, held, false) != 0) return 1;
-        p.tell('L');
-        if (!wait_until_blocked(me)) return 2;
-        p.tell('H');  // before the lock goes
-        return 0;     // the exit drops it
-    });
-    ASSERT_EQ(holder.receive(), 'L');
+    HolderUntilBlocked holder(os_path, held);
+    ASSERT_TRUE(holder.held());
     MessageLog log;
     QOR_contents_record *rec = nullptr;
     ASSERT_EQ(QOR_open_file(qor_path.c_str(), 0, 0, flags, request, &rec), 0);
-    EXPECT_EQ(holder.receive(), 'H');
-    EXPECT_EQ(holder.finish(), 0);
+    EXPECT_TRUE(holder.let_go_first());
     EXPECT_EQ(rec->lock_mode, request <= 2 ? 1u : 3u);
     EXPECT_TRUE(log.messages.empty());
     EXPECT_EQ(QOR_close_contents(rec), 0);
@@ -118,22 +107,12 @@ TEST_F(ContentsLock, SharedWaitingRequestBlocksUntilTheExclusiveHolderLetsGo) {
 
 TEST_F(ContentsLock, WaitingConversionBlocksUntilTheOtherReaderLetsGo) {
     QOR_contents_record *rec = open_f(0x04, 1);
-    const pid_t me = getpid();
-    const std::string path = os("f");
-    Partner reader([&](Partner &p) {
-        const int fd = ::open(path.c_str(), O_RDONLY);
-        if (fd < 0 || raw_lock(fd, F_RDLCK, false) != 0) return 1;
-        p.tell('L');
-        if (!wait_until_blocked(me)) return 2;
-        p.tell('H');
-        return 0;
-    });
-    ASSERT_EQ(reader.receive(), 'L');
+    HolderUntilBlocked reader(os("f"), F_RDLCK);
+    ASSERT_TRUE(reader.held());
     EXPECT_EQ(QOR_lock_contents(rec, 3), QOR_E_LOCKED);
     EXPECT_EQ(rec->lock_mode, 1u);
     ASSERT_EQ(QOR_lock_contents(rec, 4), 0);
-    EXPECT_EQ(reader.receive(), 'H');
-    EXPECT_EQ(reader.finish(), 0);
+    EXPECT_TRUE(reader.let_go_first());
     EXPECT_EQ(rec->lock_mode, 3u);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }

@@ -196,21 +196,11 @@ TEST_F(ObjectLocks, FailedConversionRemovesTheEntry) {
 }
 
 TEST_F(ObjectLocks, WaitingRequestBlocksUntilTheHolderLetsGo) {
-    const pid_t me = getpid();
-    const std::string lock = os("o/.lock");
-    Partner holder([&](Partner &p) {
-        const int fd = ::open(lock.c_str(), O_RDWR);
-        if (fd < 0 || raw_lock(fd, F_WRLCK, false) != 0) return 1;
-        p.tell('L');
-        if (!wait_until_blocked(me)) return 2;
-        p.tell('H');
-        return 0;
-    });
-    ASSERT_EQ(holder.receive(), 'L');
+    HolderUntilBlocked holder(os("o/.lock"), F_WRLCK);
+    ASSERT_TRUE(holder.held());
     EXPECT_EQ(QOR_lock_object(qor("o").c_str(), 3, 3), QOR_E_LOCKED);
     ASSERT_EQ(QOR_lock_object(qor("o").c_str(), 3, 2), 0);
-    EXPECT_EQ(holder.receive(), 'H');
-    EXPECT_EQ(holder.finish(), 0);
+    EXPECT_TRUE(holder.let_go_first());
     EXPECT_EQ(mode_of_lock("o"), 1u);
 }
 
