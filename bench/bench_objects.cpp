@@ -1,0 +1,223 @@
+// Object store against the system-call floor: each library operation is
+// paired with the same host calls made directly on ready-made OS paths, so
+// the difference is what the library adds (translation of the qor path,
+// the table walk, the freestore bracket, recording nothing).
+//
+//   TypeOfObject/<type>     QOR_type_of_object         stat, access x0..3
+//   IsAccessible/<t>/<k>    QOR_is_accessible          the cell's calls
+//   CreateRemove            QOR_create_object type 4   mkdir, 3 x open+close
+//                           and the private removes    3 x unlink, rmdir
+//   Links                   a 1000-entry directory     opendir, readdir, closedir
+
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <qor/qor.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+// The private remove steps are hidden in the library: their unit is built
+// into this program.
+#include "objects/steps.cpp"
+
+namespace {
+
+// A scratch store with one object of every type and a directory of 1000
+// links, made once for the whole run.
+struct Store {
+    std::string root;
+    Store() {
+        char name[] = "/tmp/qor-bench-objects-XXXXXX";
+        if (mkdtemp(name) == nullptr) abort();
+        root = name;
+        for (unsigned t = 0; t <= 4; ++t) {
+            if (QOR_create_object(qor(t).c_str(), t) != 0) abort();
+        }
+        mkdir(os_of("links").c_str(), 0777);
+        for (int i = 0; i < 1000; ++i) {
+            const std::string f = os_of("links/link-" + std::to_string(i));
+            close(open(f.c_str(), O_WRONLY | O_CREAT, 0666));
+        }
+    }
+    ~Store() {
+        std::string cmd = "rm -rf " + root;
+        if (system(cmd.c_str()) != 0) abort();
+    }
+    std::string os_of(const std::string &name) const {
+        return root + "/" + name;
+    }
+    std::string os(unsigned type) const {
+        return os_of("object" + std::to_string(type));
+    }
+    std::string qor(unsigned type) const { return "@" + os(type); }
+};
+
+Store &store() {
+    static Store s;
+    return s;
+}
+
+// ---- The translation every operation starts with ----------------------------
+
+// Not an operation of the object store: the qor-to-OS translation of the
+// path layer, inside a freestore bracket, which the operations above the
+// floor pay once each.
+void BM_Translation(benchmark::State &state) {
+    const std::string path = store().qor(4);
+    for (auto _ : state) {
+        QOR_FS_mark mark;
+        QOR_FS_save(&QOR_SH_fs_allocator, &mark);
+        benchmark::DoNotOptimize(QOR_SH_qor_to_os_dir(path.c_str()));
+        QOR_FS_restore(&QOR_SH_fs_allocator, &mark);
+    }
+}
+BENCHMARK(BM_Translation);
+
+// ---- Type detection -------------------------------------------------------
+
+void BM_TypeOfObject_Library(benchmark::State &state) {
+    const std::string path = store().qor(static_cast<unsigned>(state.range(0)));
+    unsigned type = 0;
+    for (auto _ : state) {
+        if (QOR_type_of_object(path.c_str(), &type) != 0) abort();
+        benchmark::DoNotOptimize(type);
+    }
+    if (type != state.range(0)) abort();
+}
+
+void BM_TypeOfObject_Floor(benchmark::State &state) {
+    const unsigned t = static_cast<unsigned>(state.range(0));
+    const std::string dir = store().os(t);
+    const std::string members[] = {dir + "/.lock", dir + "/.body",
+                                   dir + "/.index"};
+    // A directory tests members until one is unreadable or all three pass.
+    const int tests = t == 0 ? 0 : t == 4 ? 3 : static_cast<int>(t);
+    struct stat st;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(stat(dir.c_str(), &st));
+        for (int i = 0; i < tests; ++i) {
+            benchmark::DoNotOptimize(access(members[i].c_str(), R_OK));
+        }
+    }
+}
+
+BENCHMARK(BM_TypeOfObject_Library)->DenseRange(0, 4);
+BENCHMARK(BM_TypeOfObject_Floor)->DenseRange(0, 4);
+
+// ---- Accessibility ----------------------------------------------------------
+
+void BM_IsAccessible_Library(benchmark::State &state) {
+    const unsigned type = static_cast<unsigned>(state.range(0));
+    const unsigned kind = static_cast<unsigned>(state.range(1));
+    const std::string path = store().qor(type);
+    int32_t flag = 0;
+    for (auto _ : state) {
+        if (QOR_is_accessible(path.c_str(), type, kind, &flag) != 0) abort();
+        benchmark::DoNotOptimize(flag);
+    }
+    if (flag != 1) abort();
+}
+
+void BM_IsAccessible_Floor(benchmark::State &state) {
+    const unsigned type = static_cast<unsigned>(state.range(0));
+    const unsigned kind = static_cast<unsigned>(state.range(1));
+    const std::string dir = store().os(type);
+    const std::string members[] = {dir + "/.index", dir + "/.body",
+                                   dir + "/.lock"};
+    const int modes[] = {F_OK, R_OK, W_OK};
+    struct stat st;
+    for (auto _ : state) {
+        // Type 4: access on each member, then the directory's stat; a mode
+        // check also reads the real user id. Type 0: the file's stat.
+        if (type == 4) {
+            for (const auto &m : members) {
+                benchmark::DoNotOptimize(access(m.c_str(), modes[kind]));
+            }
+        }
+        benchmark::DoNotOptimize(stat(dir.c_str(), &st));
+        if (kind != 0) benchmark::DoNotOptimize(getuid());
+    }
+}
+
+BENCHMARK(BM_IsAccessible_Library)
+    ->ArgsProduct({{0, 4}, {0, 1, 2}});
+BENCHMARK(BM_IsAccessible_Floor)->ArgsProduct({{0, 4}, {0, 1, 2}});
+
+// ---- Creation and removal ----------------------------------------------------
+
+void BM_CreateRemove_Library(benchmark::State &state) {
+    const std::string path = "@" + store().os_of("made");
+    const std::string lock = path + "/.lock", body = path + "/.body",
+                      index = path + "/.index";
+    for (auto _ : state) {
+        if (QOR_create_object(path.c_str(), 4) != 0) abort();
+        if (qor::objects::remove_file(index.c_str(), true) != 0 ||
+            qor::objects::remove_file(body.c_str(), true) != 0 ||
+            qor::objects::remove_file(lock.c_str(), true) != 0 ||
+            qor::objects::remove_directory(path.c_str()) != 0) {
+            abort();
+        }
+    }
+}
+
+void BM_CreateRemove_Floor(benchmark::State &state) {
+    const std::string dir = store().os_of("made");
+    const std::string members[] = {dir + "/.lock", dir + "/.body",
+                                   dir + "/.index"};
+    for (auto _ : state) {
+        if (mkdir(dir.c_str(), 0777) != 0) abort();
+        for (const auto &m : members) {
+            const int fd = open(m.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0777);
+            if (fd < 0) abort();
+            close(fd);
+        }
+        for (int i = 2; i >= 0; --i) {
+            if (unlink(members[i].c_str()) != 0) abort();
+        }
+        if (rmdir(dir.c_str()) != 0) abort();
+    }
+}
+
+BENCHMARK(BM_CreateRemove_Library);
+BENCHMARK(BM_CreateRemove_Floor);
+
+// ---- Links -------------------------------------------------------------------------
+
+void BM_Links_Library(benchmark::State &state) {
+    const std::string path = "@" + store().os_of("links");
+    int count = 0;
+    for (auto _ : state) {
+        QOR_link_listing *l = nullptr;
+        if (QOR_open_links(path.c_str(), QOR_PLAIN_DIRECTORY, &l) != 0) abort();
+        count = 0;
+        while (QOR_next_link(l) == 0) ++count;
+        QOR_close_links(l);
+    }
+    if (count != 1000) abort();
+    state.SetItemsProcessed(state.iterations() * 1000);
+}
+
+void BM_Links_Floor(benchmark::State &state) {
+    const std::string dir = store().os_of("links");
+    int count = 0;
+    for (auto _ : state) {
+        DIR *d = opendir(dir.c_str());
+        count = 0;
+        while (struct dirent *e = readdir(d)) {
+            benchmark::DoNotOptimize(e);
+            ++count;
+        }
+        closedir(d);
+    }
+    if (count != 1002) abort();
+    state.SetItemsProcessed(state.iterations() * 1000);
+}
+
+BENCHMARK(BM_Links_Library);
+BENCHMARK(BM_Links_Floor);
+
+}  // namespace
