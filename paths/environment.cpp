@@ -67,12 +67,18 @@ char *QOR_SH_getenv(const char *name) {
     return value != nullptr ? QOR_FS_copy_string(shared(), value) : nullptr;
 }
 
+// LeakSanitizer's hook, present only in sanitizer builds of a program.
+extern "C" void __lsan_ignore_object(const void *p) __attribute__((weak));
+
 int QOR_putenv(const char *name, const char *value) {
     if (name == nullptr || value == nullptr) {
         return QOR_record_os_error(EINVAL, name, QOR_CTX_SET_ENVIRONMENT);
     }
-    // The string becomes part of the environment and is never freed.
+    // The string becomes part of the environment and is never freed: a
+    // caller may still hold what getenv returned from an earlier entry for
+    // the same name, so a replaced entry stays allocated on purpose.
     char *entry = QOR_cat_strings(name, "=", value, nullptr);
+    if (__lsan_ignore_object != nullptr) __lsan_ignore_object(entry);
     if (putenv(entry) != 0) {
         QOR_free(entry);
         QOR_fatal_error(qor::kSet, 11, nullptr, QOR_E_NO_MEMORY);
