@@ -16,6 +16,7 @@ extern const Command memory_commands[];
 extern const Command containers_commands[];
 extern const Command paths_commands[];
 extern const Command objects_commands[];
+extern const Command objects2_commands[];
 extern const Command files_commands[];
 extern const Command process_commands[];
 
@@ -25,6 +26,7 @@ int tour_memory();
 int tour_containers();
 int tour_paths();
 int tour_objects();
+int tour_objects2();
 int tour_files();
 int tour_process();
 

@@ -10,12 +10,12 @@ namespace {
 
 const Command *const kTables[] = {
     foundation_commands, memory_commands, containers_commands, paths_commands,
-    objects_commands,    files_commands,  process_commands,
+    objects_commands,    objects2_commands, files_commands,  process_commands,
 };
 
 int (*const kTour[])() = {
     tour_foundation, tour_memory, tour_containers, tour_paths,
-    tour_objects,    tour_files,  tour_process,
+    tour_objects,    tour_objects2, tour_files,  tour_process,
 };
 
 void usage(FILE *out) {

@@ -24,6 +24,7 @@
 #define QOR_OBJECTS_H
 
 #include <dirent.h>
+#include <stdio.h>
 
 #include "qor/foundation.h"
 #include "qor/memory.h"
@@ -182,6 +183,160 @@ QOR_API int QOR_close_links(QOR_link_listing *listing);
  * removes what this call made. Only path and type are read: callers may
  * pass the kind's name as a third argument. */
 QOR_API int QOR_create_object(const char *path, unsigned int type, ...);
+
+
+/* ======================================================================
+ * Object contents, idle blocks and object operations
+ * ======================================================================
+ * The contents of an object (a plain file itself, the ".body" of a cdir or
+ * idle object, the ".index" of an idle object) are opened into an
+ * open-contents record, locked with POSIX record locks over the whole file
+ * and closed again. Every descriptor opened here carries close-on-exec.
+ * Bodies and indexes of idle objects are also read and written in idle
+ * blocks: a given number of bytes at a given offset, transferred whole.
+ * Whole objects are copied, moved, deleted and locked member file by member
+ * file; object locks are record locks on the ".lock" member, remembered by
+ * the process in a table keyed by the object's absolute qor path.
+ *
+ * Expected outcomes come back without a message: 2051 (untranslatable
+ * path), 2060 (a lock held by another process), 2061 (unlocking an object
+ * this process has not locked), 2070 (an idle transfer on a record without
+ * the idle flag). Every other failure is recorded once (type 71). */
+
+/* Open-mode flags. The access bits are or-ed as they come; 0x01 with 0x10
+ * is refused (EINVAL recorded: 2070). */
+enum {
+    QOR_OPEN_READ = 0x01,         /* read only (O_RDONLY) */
+    QOR_OPEN_WRITE = 0x02,        /* write only (O_WRONLY) */
+    QOR_OPEN_READ_WRITE = 0x04,   /* read and write (O_RDWR) */
+    QOR_OPEN_TRUNCATE = 0x10,     /* with a lock request: once it is held */
+    QOR_OPEN_APPEND = 0x20,       /* O_APPEND */
+    QOR_OPEN_CREATE = 0x40,       /* O_CREAT */
+    QOR_OPEN_CREATE_EXCLUSIVE = 0x80 /* O_CREAT and O_EXCL */
+};
+
+/* Lock requests, and the lock modes a record keeps (0, 1 or 3). */
+enum {
+    QOR_LOCK_NONE = 0,
+    QOR_LOCK_SHARED = 1,           /* read lock, without waiting */
+    QOR_LOCK_SHARED_WAIT = 2,      /* read lock, waiting for it */
+    QOR_LOCK_EXCLUSIVE = 3,        /* write lock, without waiting */
+    QOR_LOCK_EXCLUSIVE_WAIT = 4    /* write lock, waiting for it */
+};
+
+/* Idle-block transfers that stopped on a call moving 0 bytes. */
+enum {
+    QOR_E_IDLE_READ_INCOMPLETE = 2401,
+    QOR_E_IDLE_WRITE_INCOMPLETE = 2402
+};
+
+/* An open-contents record: the handle of one open host file, taken from
+ * the library's own pool by the openers and given back by
+ * QOR_close_contents, whatever that returns. */
+typedef struct QOR_contents_record {
+    char *path;         /* OS path of the open file, owned */
+    uint32_t flags;     /* open-mode flags as given */
+    uint32_t lock_mode; /* 0 none, 1 shared, 3 exclusive */
+    uint32_t idle;      /* 1: idle-block transfers accepted */
+    int32_t fd;         /* host descriptor, close-on-exec */
+    FILE *stream;       /* made by QOR_get_file_ptr, or null */
+} QOR_contents_record;
+
+/* Opens the file at a qor path (translated as a directory path when
+ * is_directory is non-zero); idle becomes the record's idle flag. With a
+ * lock request and 0x10 the file is truncated only once the lock is held,
+ * by opening it again: the descriptor number then changes. */
+QOR_API int QOR_open_file(const char *path, int is_directory, int idle,
+                          unsigned int flags, unsigned int lock_request,
+                          QOR_contents_record **result);
+/* Opens the contents of an object: type 0 the file itself, types 3 and 4
+ * the ".body" (idle flag 1 for type 4). With 0x40 or 0x80 a missing cdir
+ * or idle object is made first as a directory with its ".lock"; 0x80 on an
+ * existing object records EEXIST (2053). Types 1, 2 and above 4 have no
+ * contents: EISDIR recorded (2057). */
+QOR_API int QOR_open_contents(const char *path, unsigned int type,
+                              unsigned int flags, unsigned int lock_request,
+                              QOR_contents_record **result);
+/* Opens the ".index" of an idle object, idle flag 1. */
+QOR_API int QOR_open_idle_index(const char *path, unsigned int flags,
+                                unsigned int lock_request,
+                                QOR_contents_record **result);
+
+/* Places (or converts in place) the record lock; request 0 changes
+ * nothing. A shared request on a write-only record or an exclusive one on a
+ * read-only record records EBADF (2059). */
+QOR_API int QOR_lock_contents(QOR_contents_record *rec,
+                              unsigned int lock_request);
+/* Drops the lock; 0 at once when none is held. */
+QOR_API int QOR_unlock_contents(QOR_contents_record *rec);
+/* Both always return 0. */
+QOR_API int QOR_contents_lock_mode(QOR_contents_record *rec,
+                                   unsigned int *mode);
+QOR_API int QOR_get_fd(QOR_contents_record *rec, int *fd);
+/* A stream over the descriptor, made on the first call and kept. */
+QOR_API int QOR_get_file_ptr(QOR_contents_record *rec, FILE **stream);
+QOR_API int QOR_read_open_contents_size(QOR_contents_record *rec,
+                                        uint64_t *size);
+/* Flushes the stream, or syncs the descriptor of a writable record. */
+QOR_API int QOR_flush_contents(QOR_contents_record *rec);
+/* Empties the file keeping the descriptor number, and locks it again. */
+QOR_API int QOR_truncate_contents(QOR_contents_record *rec);
+/* Closes the file and gives the record back, whatever the status. */
+QOR_API int QOR_close_contents(QOR_contents_record *rec);
+
+/* Transfers length bytes at offset, whole: a short transfer outputs
+ * message 403 (404 writing), type 67, and goes on; a call that moves 0
+ * bytes stops with 2401 (2402) and, like a failure after part of the block
+ * moved, outputs message 401 (402). Records without the idle flag: 2070
+ * with no message. */
+QOR_API int QOR_read_idle_block(QOR_contents_record *rec, int64_t offset,
+                                void *buffer, int length);
+QOR_API int QOR_write_idle_block(QOR_contents_record *rec, int64_t offset,
+                                 const void *buffer, int length);
+
+/* Makes the stream read and write the open contents; the record then stands
+ * for the stream's former file (unlocked, no idle flag, no stream) and
+ * closing it closes that file. A locked record records EBADF (2059). */
+QOR_API int QOR_redirect_stream(QOR_contents_record *rec, FILE *stream);
+/* Points the record's path at the ".body" of the object's new qor path,
+ * after the object was moved with its body open. */
+QOR_API int QOR_update_file_path(QOR_contents_record **handle,
+                                 const char *object_path);
+
+/* When non-zero (the default, 1), copying holds a shared lock on every
+ * source file and an exclusive one on every target file while it copies,
+ * and fails with 2060 against a conflicting holder; 0 locks nothing. */
+QOR_API extern int32_t QOR_lock_on_copy;
+
+/* Copies an object member by member; 2054 when the target existed and was
+ * replaced (for type 2: 2053 when the target's ".lock" existed). A failure
+ * removes what this call made and keeps what existed. Links inside
+ * directories are not copied. */
+QOR_API int QOR_copy_object(const char *source, unsigned int type,
+                            const char *target);
+/* Renames the object; an existing removable target of type 1 to 4 is
+ * deleted first and 2054 returned. A target that may not be removed
+ * records EACCES and gives 0 without moving anything. */
+QOR_API int QOR_move_object(const char *source, unsigned int type,
+                            const char *target);
+/* Removes the member files and the directory (or the file). The checked
+ * form first makes sure the object directory holds only its own members
+ * ("dbi.lock" tolerated but never removed) and removes nothing otherwise;
+ * a failure leaves the remaining members in place. */
+QOR_API int QOR_delete_object(const char *path, unsigned int type);
+QOR_API int QOR_unchecked_delete_object(const char *path, unsigned int type);
+
+/* Object locks: record locks on the ".lock" member of a composite object,
+ * held until QOR_unlock_object. Locking an object already locked by this
+ * process converts its lock in place. Types 0 and 1 record ENOTDIR
+ * (2057). */
+QOR_API int QOR_lock_object(const char *path, unsigned int type,
+                            unsigned int lock_request);
+/* 2061 with no message when this process holds no lock on it. */
+QOR_API int QOR_unlock_object(const char *path, unsigned int type);
+/* *mode = 0, 1 or 3 as this process holds it; always returns 0. */
+QOR_API int QOR_object_lock_mode(const char *path, unsigned int type,
+                                 unsigned int *mode);
 
 #ifdef __cplusplus
 }

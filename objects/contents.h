@@ -1,0 +1,27 @@
+// What the units of the object store's contents, operations and object
+// locks share. Not installed.
+#pragma once
+
+#include "objects/object_paths.h"
+#include "qor/objects.h"
+
+namespace qor::objects {
+
+// Places or converts the record lock of a request on the record's
+// descriptor, without the path check of QOR_lock_contents: the opener
+// and the truncations lock through it. 2060 without a message when
+// another process holds a conflicting lock.
+int lock_record(QOR_contents_record *rec, unsigned int request);
+
+// Runs fn between a save and a restore of the shared freestore, so that
+// every scratch path fn makes there is released on every return.
+template <class F>
+int bracketed(F fn) {
+    QOR_FS_mark mark;
+    QOR_FS_save(shared(), &mark);
+    const int status = fn();
+    QOR_FS_restore(shared(), &mark);
+    return status;
+}
+
+}  // namespace qor::objects

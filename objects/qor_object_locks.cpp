@@ -1,0 +1,149 @@
+// Object locks: record locks on the ".lock" member of composite objects,
+// each held through an open-contents record that stays open as long as
+// the lock lives, and remembered in a process-wide table keyed by the
+// object's absolute qor path.
+//
+// POSIX record locks belong to the process, so one entry per object is all
+// there can be: locking an object again converts the entry's lock in place.
+
+#include <errno.h>
+#include <stddef.h>
+#include <string.h>
+
+#include "foundation/internal.h"
+#include "objects/contents.h"
+#include "objects/object_paths.h"
+#include "qor/objects.h"
+
+namespace {
+
+using namespace qor::objects;
+
+struct ObjectLock {
+    char *path;               // absolute qor path, owned; the key
+    uint32_t writable;        // ".lock" opened for reading and writing
+    QOR_contents_record *record;  // the open ".lock"
+    ObjectLock *previous;
+    ObjectLock *next;
+};
+static_assert(offsetof(ObjectLock, path) == 0);
+static_assert(offsetof(ObjectLock, writable) == 8);
+static_assert(offsetof(ObjectLock, record) == 16);
+static_assert(offsetof(ObjectLock, previous) == 24);
+static_assert(offsetof(ObjectLock, next) == 32);
+
+// The table: entries from a pool of this unit's own, newest at the head.
+constinit QOR_SA_allocator lock_pool =
+    QOR_SA_INITIALISER(sizeof(ObjectLock), 32, 32, nullptr, nullptr);
+constinit ObjectLock *table_head = nullptr;
+
+ObjectLock *find(const char *absolute) {
+    for (ObjectLock *e = table_head; e != nullptr; e = e->next) {
+        if (strcmp(e->path, absolute) == 0) return e;
+    }
+    return nullptr;
+}
+
+// Unlinks the entry, closes its ".lock" (dropping any lock) and frees it.
+void remove_entry(ObjectLock *e) {
+    if (e->previous != nullptr) e->previous->next = e->next;
+    else table_head = e->next;
+    if (e->next != nullptr) e->next->previous = e->previous;
+    QOR_close_contents(e->record);
+    QOR_free(e->path);
+    QOR_SA_release(&lock_pool, e);
+}
+
+bool exclusive(unsigned int request) {
+    return request == QOR_LOCK_EXCLUSIVE || request == QOR_LOCK_EXCLUSIVE_WAIT;
+}
+
+// Plain files and directories have no ".lock": ENOTDIR recorded against
+// the path (2057); types above 4 are no objects at all (EINVAL, 2070).
+int not_lockable(const char *path, unsigned int type, int context) {
+    const char *os = QOR_SH_qor_to_os(path, type);
+    if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+    return QOR_record_os_error(type > QOR_IDLE_OBJECT ? EINVAL : ENOTDIR, os,
+                               context);
+}
+
+bool lockable(unsigned int type) {
+    return type >= QOR_LOCKABLE_DIRECTORY && type <= QOR_IDLE_OBJECT;
+}
+
+int lock_object(const char *path, unsigned int type, unsigned int request) {
+    if (!lockable(type)) return not_lockable(path, type, QOR_CTX_LOCK_OBJECT);
+    const char *absolute = QOR_SH_qor_to_absolute_qor(path);
+    if (absolute == nullptr) return QOR_E_UNTRANSLATABLE;
+
+    if (ObjectLock *e = find(absolute)) {
+        if (exclusive(request) && e->writable == 0) {
+            const char *os = QOR_SH_qor_to_os(path, type);
+            if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+            return QOR_record_os_error(EINVAL, os, QOR_CTX_LOCK_OBJECT);
+        }
+        const int status = QOR_lock_contents(e->record, request);
+        if (status != 0) remove_entry(e);
+        return status;
+    }
+
+    // QOR_SH_lock_path(path): the absolute path, "/", the member's name.
+    const char *lock_path = QOR_SH_cat_strings(absolute, "/", kLock, nullptr);
+    int32_t writable = 1;
+    if (!exclusive(request)) {
+        const int status = QOR_is_accessible(lock_path, QOR_PLAIN_FILE,
+                                             QOR_ACCESS_WRITE, &writable);
+        if (status != 0) return status;
+    }
+    QOR_contents_record *record = nullptr;
+    const int status = QOR_open_file(
+        lock_path, 0, 0, writable ? QOR_OPEN_READ_WRITE : QOR_OPEN_READ,
+        request, &record);
+    if (status != 0) return status;
+
+    auto *e = static_cast<ObjectLock *>(QOR_SA_allocate(&lock_pool));
+    e->path = QOR_copy_string(absolute);
+    e->writable = writable ? 1 : 0;
+    e->record = record;
+    e->previous = nullptr;
+    e->next = table_head;
+    if (table_head != nullptr) table_head->previous = e;
+    table_head = e;
+    return 0;
+}
+
+int unlock_object(const char *path, unsigned int type) {
+    if (!lockable(type)) return not_lockable(path, type, QOR_CTX_UNLOCK_OBJECT);
+    const char *absolute = QOR_SH_qor_to_absolute_qor(path);
+    if (absolute == nullptr) return QOR_E_UNTRANSLATABLE;
+    ObjectLock *e = find(absolute);
+    if (e == nullptr) return QOR_E_NOT_LOCKED;
+    const int status = QOR_unlock_contents(e->record);
+    remove_entry(e);
+    return status;
+}
+
+}  // namespace
+
+extern "C" {
+
+int QOR_lock_object(const char *path, unsigned int type,
+                    unsigned int lock_request) {
+    return bracketed([&] { return lock_object(path, type, lock_request); });
+}
+
+int QOR_unlock_object(const char *path, unsigned int type) {
+    return bracketed([&] { return unlock_object(path, type); });
+}
+
+int QOR_object_lock_mode(const char *path, unsigned int, unsigned int *mode) {
+    QOR_FS_mark mark;
+    QOR_FS_save(shared(), &mark);
+    const char *absolute = QOR_SH_qor_to_absolute_qor(path);
+    const ObjectLock *e = absolute != nullptr ? find(absolute) : nullptr;
+    *mode = e != nullptr ? e->record->lock_mode : 0;
+    QOR_FS_restore(shared(), &mark);
+    return 0;
+}
+
+}  // extern "C"
