@@ -13,15 +13,5 @@ namespace qor::objects {
 // another process holds a conflicting lock.
 int lock_record(QOR_contents_record *rec, unsigned int request);
 
-// Runs fn between a save and a restore of the shared freestore, so that
-// every scratch path fn makes there is released on every return.
-template <class F>
-int bracketed(F fn) {
-    QOR_FS_mark mark;
-    QOR_FS_save(shared(), &mark);
-    const int status = fn();
-    QOR_FS_restore(shared(), &mark);
-    return status;
-}
 
 }  // namespace qor::objects

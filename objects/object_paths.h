@@ -25,6 +25,17 @@ inline constexpr const char kDbiLock[] = "dbi.lock";
 
 inline QOR_FS_allocator *shared() { return &QOR_SH_fs_allocator; }
 
+// Runs fn between a save and a restore of the shared freestore, so that
+// every scratch path fn makes there is released on every return.
+template <class F>
+int bracketed(F fn) {
+    QOR_FS_mark mark;
+    QOR_FS_save(shared(), &mark);
+    const int status = fn();
+    QOR_FS_restore(shared(), &mark);
+    return status;
+}
+
 // The qor path as given, "/", name, translated as a file path into the
 // shared freestore; null when it does not translate. The joined text is
 // built in a local buffer up to QOR_PATH_MAX characters and its terminator,

@@ -408,15 +408,6 @@ int ownership_names(const QOR_ownership *o, QOR_ownership_names *names,
     return 0;
 }
 
-// Runs body inside a save/restore bracket of the shared freestore.
-template <class Body>
-int bracketed(Body body) {
-    QOR_FS_mark mark;
-    QOR_FS_save(shared(), &mark);
-    const int status = body();
-    QOR_FS_restore(shared(), &mark);
-    return status;
-}
 
 }  // namespace
 
