@@ -59,12 +59,12 @@ int QOR_getopt(int argc, char *const argv[], const char *optstring) {
     const char letter = arg[char_position];
     // ':' only marks letters that take an argument; it is never an option
     // itself, even when the option string contains one.
-    const char *spec = letter == ':' ? nullptr : strchr(optstring, letter);
-    if (spec == nullptr) {
+    const char *entry = letter == ':' ? nullptr : strchr(optstring, letter);
+    if (entry == nullptr) {
         next_character(arg);
         return kBadOption;
     }
-    if (spec[1] != ':') {
+    if (entry[1] != ':') {
         QOR_optarg = nullptr;
         next_character(arg);
         return letter_result(letter);
