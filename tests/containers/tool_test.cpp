@@ -11,23 +11,12 @@
 
 namespace {
 
-const std::string kProgram = std::string(QOR_BINARY_DIR) + "/qor";
-
-qor_test::ChildResult run_qor(std::vector<std::string> args) {
-    return qor_test::run_in_child([&] {
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(kProgram.c_str()));
-        for (std::string &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(kProgram.c_str(), argv.data());
-        _exit(127);
-    });
-}
+using qor_test::run_qor;
 
 }  // namespace
 
 TEST(QorAssocHash, ShowsHashBucketAndTheBytesHashed) {
-    if (access(kProgram.c_str(), X_OK) != 0) GTEST_SKIP() << "qor not built";
+    if (!qor_test::qor_built()) GTEST_SKIP() << "qor not built";
     auto r = run_qor({"assoc-hash", "ab", "key0000012",
                       "/home/user/projects/qor/src/module001/file00101.c",
                       "/home/user/projects/qor/src/module002/file00202.c"});
@@ -43,14 +32,14 @@ TEST(QorAssocHash, ShowsHashBucketAndTheBytesHashed) {
 }
 
 TEST(QorAssocHash, WithoutKeysPrintsUsage) {
-    if (access(kProgram.c_str(), X_OK) != 0) GTEST_SKIP() << "qor not built";
+    if (!qor_test::qor_built()) GTEST_SKIP() << "qor not built";
     auto r = run_qor({"assoc-hash"});
     EXPECT_EQ(r.exit_status, 2);
     EXPECT_EQ(r.err, "usage: qor assoc-hash KEY...\n");
 }
 
 TEST(QorTour, ContainersStepShowsScansAtomsAndSequences) {
-    if (access(kProgram.c_str(), X_OK) != 0) GTEST_SKIP() << "qor not built";
+    if (!qor_test::qor_built()) GTEST_SKIP() << "qor not built";
     auto r = run_qor({"tour"});
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_NE(r.out.find("== Associative containers: hash tables, scans and "

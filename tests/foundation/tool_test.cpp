@@ -14,20 +14,7 @@
 
 namespace {
 
-// Runs the built qor with the arguments; NLSPATH is cleared so that the
-// catalogue beside the program is the one found.
-qor_test::ChildResult run_qor(std::vector<std::string> args) {
-    return qor_test::run_in_child([&] {
-        const std::string program = std::string(QOR_BINARY_DIR) + "/qor";
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(program.c_str()));
-        for (std::string &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        unsetenv("NLSPATH");
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    });
-}
+using qor_test::run_qor;
 
 TEST(QorStatus, ExplainsAStatusCode) {
     auto r = run_qor({"status", "2052"});

@@ -8,21 +8,12 @@
 
 namespace {
 
-qor_test::ChildResult run_tour() {
-    return qor_test::run_in_child([] {
-        const std::string program = std::string(QOR_BINARY_DIR) + "/qor";
-        unsetenv("NLSPATH");
-        execl(program.c_str(), program.c_str(), "tour", (char *)nullptr);
-        _exit(127);
-    });
-}
+qor_test::ChildResult run_tour() { return qor_test::run_qor({"tour"}); }
 
-bool tool_built() {
-    return access((std::string(QOR_BINARY_DIR) + "/qor").c_str(), X_OK) == 0;
-}
+using qor_test::qor_built;
 
 TEST(QorTourMemory, TellsWhatHappensOnStandardOutput) {
-    if (!tool_built()) GTEST_SKIP() << "the qor command is not built";
+    if (!qor_built()) GTEST_SKIP() << "the qor command is not built";
     auto r = run_tour();
     EXPECT_EQ(r.exit_status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("== Memory: the freestore and the static allocator "
@@ -48,7 +39,7 @@ TEST(QorTourMemory, TellsWhatHappensOnStandardOutput) {
 }
 
 TEST(QorTourMemory, DumpsGoToStandardError) {
-    if (!tool_built()) GTEST_SKIP() << "the qor command is not built";
+    if (!qor_built()) GTEST_SKIP() << "the qor command is not built";
     auto r = run_tour();
     EXPECT_NE(r.err.find("\t\t1\t64\t36\t28\n"
                          "\t\t2\t64\t60\t4\n"

@@ -6,40 +6,19 @@
 namespace objects_test {
 namespace {
 
-bool tool_built() {
-    return access((std::string(QOR_BINARY_DIR) + "/qor").c_str(), X_OK) == 0;
-}
+using qor_test::qor_built;
 
 // Runs "qor ARGS...", with input on its standard input.
 qor_test::ChildResult qor_run(std::vector<std::string> args,
                               const std::string &input = "") {
-    return qor_test::run_in_child([&] {
-        const std::string program = std::string(QOR_BINARY_DIR) + "/qor";
-        char in_name[] = "/tmp/qor-tool-in-XXXXXX";
-        const int in = mkstemp(in_name);
-        if (in < 0 || write(in, input.data(), input.size()) !=
-                          static_cast<ssize_t>(input.size())) {
-            _exit(126);
-        }
-        unlink(in_name);
-        lseek(in, 0, SEEK_SET);
-        dup2(in, 0);
-        close(in);
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(program.c_str()));
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        unsetenv("NLSPATH");
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    });
+    return qor_test::run_qor(std::move(args), input);
 }
 
 class QorTool : public Store {
   protected:
     void SetUp() override {
         Store::SetUp();
-        if (!tool_built()) GTEST_SKIP() << "the qor command is not built";
+        if (!qor_built()) GTEST_SKIP() << "the qor command is not built";
     }
 };
 
@@ -102,7 +81,7 @@ TEST_F(QorTool, MoveOntoATargetThatMayNotBeReplacedSaysNothingMoved) {
     make_object(os("t"), 3);
     ASSERT_EQ(chmod(os("t").c_str(), 0555), 0);
     ASSERT_EQ(chmod(tmp_.path().c_str(), 0777), 0);  // the source may move
-    const std::string program = std::string(QOR_BINARY_DIR) + "/qor";
+    const std::string program = qor_test::qor_program();
     const std::string s = qor("s"), t = qor("t");
     auto r = qor_test::run_as_unprivileged([&] {
         execl(program.c_str(), program.c_str(), "mv", s.c_str(), t.c_str(),
@@ -121,7 +100,7 @@ TEST_F(QorTool, MoveOntoATargetThatMayNotBeReplacedSaysNothingMoved) {
 
 TEST_F(QorTool, LockHeldElsewhereFailsWithAClearMessage) {
     make_object(os("o"), 3);
-    const std::string program = std::string(QOR_BINARY_DIR) + "/qor";
+    const std::string program = qor_test::qor_program();
     // The inner qor is another process: the outer one's lock stops it.
     auto r = qor_run({"lock", qor("o"), program, "lock", "-n", qor("o"),
                       "true"});

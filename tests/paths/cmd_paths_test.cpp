@@ -11,15 +11,7 @@ namespace {
 // Runs the qor command with the given arguments in the fixture's
 // environment and current directory.
 qor_test::ChildResult qor(std::vector<std::string> args) {
-    return qor_test::run_in_child([&] {
-        std::vector<char *> argv;
-        std::string program = std::string(QOR_BINARY_DIR) + "/qor";
-        argv.push_back(program.data());
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    });
+    return qor_test::run_qor(std::move(args));
 }
 
 using Command = Anchored;

@@ -158,6 +158,31 @@ ChildResult run_as_unprivileged(const std::function<void()> &fn) {
     return run_child(fn, true);
 }
 
+std::string qor_program() { return std::string(QOR_BINARY_DIR) + "/qor"; }
+
+bool qor_built() { return access(qor_program().c_str(), X_OK) == 0; }
+
+ChildResult run_qor(std::vector<std::string> args, const std::string &input) {
+    return run_in_child([&] {
+        const std::string program = qor_program();
+        const int in = scratch_file();
+        if (::write(in, input.data(), input.size()) !=
+            static_cast<ssize_t>(input.size())) {
+            _exit(126);
+        }
+        lseek(in, 0, SEEK_SET);
+        dup2(in, 0);
+        close(in);
+        std::vector<char *> argv;
+        argv.push_back(const_cast<char *>(program.c_str()));
+        for (std::string &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        unsetenv("NLSPATH");
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    });
+}
+
 bool under_valgrind() { return RUNNING_ON_VALGRIND != 0; }
 
 uid_t unprivileged_uid() {

@@ -56,6 +56,15 @@ int catch_fatal(F fn) {
     return value;
 }
 
+// The qor command of this build, and whether it was built.
+std::string qor_program();
+bool qor_built();
+// Runs the built qor command with args in a child, with input on its
+// standard input. NLSPATH is cleared, so the catalogue beside the program
+// is the one it finds.
+ChildResult run_qor(std::vector<std::string> args,
+                    const std::string &input = "");
+
 // Captures what the current process writes to standard error between
 // construction and take() (or destruction).
 class StderrCapture {
