@@ -79,6 +79,7 @@ constexpr int32_t kHashedBytes = 14;
 
 using qor::containers::Entry;
 using qor::containers::StringEntry;
+using qor::containers::handle;
 using qor::containers::piece;
 using qor::containers::push_front;
 using qor::containers::unlink;
@@ -103,7 +104,7 @@ inline unsigned long ulong_of(const void *p) {
 // "-- ASSOC table NAME: WHAT" followed by the key type's line for the entry.
 void trace_entry(QOR_ASSOC_table *t, const char *what, Entry *e) {
     fprintf(stderr, "-- ASSOC table %s: %s", t->name, what);
-    t->key_type->print(stderr, t, e, bucket_of(t, e->hash));
+    t->key_type->print(stderr, t, handle(e), bucket_of(t, e->hash));
 }
 
 void trace_line(QOR_ASSOC_table *t, const char *what) {
@@ -128,7 +129,7 @@ Entry *match_from(QOR_ASSOC_table *t, Entry *e, uint64_t hash,
         return nullptr;
     }
     for (; e != nullptr; e = next_of(e)) {
-        if (e->hash == hash && cmp(t, e, key) != 0) return e;
+        if (e->hash == hash && cmp(t, handle(e), key) != 0) return e;
     }
     return nullptr;
 }
@@ -179,7 +180,7 @@ Entry *add_entry(QOR_ASSOC_table *t, uint64_t hash, const void *key,
     e->next = t->buckets[i];
     t->buckets[i] = e;
     t->count += 1;
-    if (kt->entry_init != nullptr) kt->entry_init(t, e, key, value);
+    if (kt->entry_init != nullptr) kt->entry_init(t, handle(e), key, value);
     if (t->trace) trace_entry(t, "inserted: ", e);
     return e;
 }
@@ -452,7 +453,7 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
             Entry *e = table->buckets[b];
             while (e != nullptr) {
                 Entry *following = next_of(e);
-                entry_free(table, e, entry_size);
+                entry_free(table, handle(e), entry_size);
                 e = following;
             }
         }
@@ -513,7 +514,7 @@ QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(QOR_ASSOC_table *table,
     const uint64_t hash = table->key_type->hash(table, key);
     Entry *old = lookup(table, hash, key);
     if (replaced != nullptr) *replaced = old != nullptr ? 1 : 0;
-    QOR_ASSOC_table_remove(table, old);
+    QOR_ASSOC_table_remove(table, handle(old));
     return add_entry(table, hash, key, value);
 }
 
@@ -549,7 +550,7 @@ void QOR_ASSOC_table_remove(QOR_ASSOC_table *table, QOR_ASSOC_entry *removed) {
         e->next = entry->next;
     }
     const QOR_ASSOC_key_type *kt = table->key_type;
-    if (kt->entry_free != nullptr) kt->entry_free(table, entry, kt->entry_size);
+    if (kt->entry_free != nullptr) kt->entry_free(table, handle(entry), kt->entry_size);
     table->count -= 1;
 }
 
@@ -559,7 +560,7 @@ void QOR_ASSOC_table_report(FILE *stream, QOR_ASSOC_table *table) {
             static_cast<int>(table->mask + 1), table->count);
     for (uint64_t b = 0; b <= table->mask; ++b) {
         for (Entry *e = table->buckets[b]; e != nullptr; e = next_of(e)) {
-            table->key_type->print(stream, table, e, static_cast<int>(b));
+            table->key_type->print(stream, table, handle(e), static_cast<int>(b));
         }
     }
 }

@@ -22,6 +22,13 @@ typedef QOR_TABLE_entry TableEntry __attribute__((aligned(4)));
 // The view of an entry handed in by a caller.
 inline Entry *piece(QOR_ASSOC_entry *e) { return e; }
 
+// The handle handed out to a caller's callbacks. The public type claims the
+// natural alignment; callers only pass it back or read it through their own
+// key type, so the claim is the interface's, not an access made here.
+inline QOR_ASSOC_entry *handle(Entry *e) {
+    return reinterpret_cast<QOR_ASSOC_entry *>(e);
+}
+
 // The doubly linked lists of the containers (the table registry, a table's
 // scans, a table's sequences): newest at the head, linked through next and
 // prev, the head's prev null.

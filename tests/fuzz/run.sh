@@ -14,7 +14,16 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
         -DQOR_BUILD_TESTS=OFF -DQOR_BUILD_TOOLS=OFF >/dev/null
 fi
 # Always brought up to date, so a stale target never fuzzes old code.
-cmake --build "$build" --target fuzz_paths >/dev/null
+# The build's own output is kept for a failure: ninja prints compiler errors
+# on standard output.
+log=$(mktemp)
+if ! cmake --build "$build" --target fuzz_paths >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    echo "run.sh: building the fuzz target failed" >&2
+    exit 1
+fi
+rm -f "$log"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT INT TERM
 cd "$scratch"
