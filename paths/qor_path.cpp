@@ -624,30 +624,41 @@ struct Plain {
 // nothing at all in an OS path after the first component). The rest of the
 // characters ("+", ".", ":" elsewhere, any byte) only classify names that
 // are all copied alike.
+// The characters that need a closer look at the start of a name; any
+// other first character makes a plain name, whatever follows it.
+struct FirstCharacters {
+    bool special[256];
+};
+constexpr FirstCharacters kFirst = [] {
+    FirstCharacters t{};
+    // The terminator of the list stands for the end of the text.
+    constexpr char kList[] = "/@$_#~.";
+    for (const char c : kList) t.special[static_cast<unsigned char>(c)] = true;
+    return t;
+}();
+
 bool plain_absolute(const char *text, size_t max_length, Plain *out) {
     if (text[0] != '/') return false;
     const char *p = text + 1;
     size_t components = 0;
     for (;;) {
-        switch (p[0]) {
-            case '\0':
-            case '/':
-            case '@':
-            case '$':
-                return false;
-            case '_':
-            case '#':
-            case '~':
-                if (ends_component(p[1])) return false;
-                break;
-            case '.':
-                if (ends_component(p[1]) ||
-                    ((p[1] == '.' || p[1] == '0') && ends_component(p[2]))) {
+        if (kFirst.special[static_cast<unsigned char>(p[0])]) {
+            switch (p[0]) {
+                case '_':
+                case '#':
+                case '~':
+                    if (ends_component(p[1])) return false;
+                    break;
+                case '.':
+                    if (ends_component(p[1]) ||
+                        ((p[1] == '.' || p[1] == '0') &&
+                         ends_component(p[2]))) {
+                        return false;
+                    }
+                    break;
+                default:  // the end, "/", "@", "$"
                     return false;
-                }
-                break;
-            default:
-                break;
+            }
         }
         // p[0] is a character of the name, so p[1] exists.
         if (p[1] == ':') return false;

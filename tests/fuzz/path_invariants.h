@@ -19,12 +19,15 @@
 //    oversized count and chain length, and its result in the same place.
 #pragma once
 
+#include <dirent.h>
 #include <qor/qor.h>
 #include <stdint.h>
 #include <string.h>
 
+#include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -415,6 +418,30 @@ inline std::vector<std::string> check_input(
     const uint8_t *data, size_t size, GeneralSwitch general_only = nullptr) {
     return check_text(std::string(reinterpret_cast<const char *>(data), size),
                       general_only);
+}
+
+// Replays the seeds in the corpus directory `dir` (files not starting with
+// "."): the problems of every seed, each after its file name. `seeds`
+// counts the seeds read; -1 when the directory cannot be read.
+inline std::vector<std::string> replay_corpus(
+    const std::string &dir, int *seeds, GeneralSwitch general_only = nullptr) {
+    std::vector<std::string> problems;
+    *seeds = -1;
+    DIR *d = opendir(dir.c_str());
+    if (d == nullptr) return problems;
+    *seeds = 0;
+    while (const dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream in(dir + "/" + e->d_name, std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        for (const auto &p : check_text(s.str(), general_only)) {
+            problems.push_back(std::string(e->d_name) + ": " + p);
+        }
+        ++*seeds;
+    }
+    closedir(d);
+    return problems;
 }
 
 // The anchors in force while fuzzing and replaying: set before the first
