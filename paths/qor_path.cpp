@@ -615,15 +615,6 @@ struct Plain {
     size_t components;  // names after the root
 };
 
-// True when text is "/" followed by names separated by single "/", with
-// at most max_length characters in all. A name is any text but one that the
-// qor parser or the OS parser treats otherwise: empty (a doubled or
-// trailing "/", which restart or vanish), "." and "..", an anchor ("_",
-// "#", "~", ".0"), one starting with "@" (a host part) or "$" (a possible
-// variable), or one whose second character is ":" (a drive-style root, or
-// nothing at all in an OS path after the first component). The rest of the
-// characters ("+", ".", ":" elsewhere, any byte) only classify names that
-// are all copied alike.
 // The characters that need a closer look at the start of a name; any
 // other first character makes a plain name, whatever follows it.
 struct FirstCharacters {
@@ -637,6 +628,15 @@ constexpr FirstCharacters kFirst = [] {
     return t;
 }();
 
+// True when text is "/" followed by names separated by single "/", with
+// at most max_length characters in all. A name is any text but one that the
+// qor parser or the OS parser treats otherwise: empty (a doubled or
+// trailing "/", which restart or vanish), "." and "..", an anchor ("_",
+// "#", "~", ".0"), one starting with "@" (a host part) or "$" (a possible
+// variable), or one whose second character is ":" (a drive-style root, or
+// nothing at all in an OS path after the first component). The rest of the
+// characters ("+", ".", ":" elsewhere, any byte) only classify names that
+// are all copied alike.
 bool plain_absolute(const char *text, size_t max_length, Plain *out) {
     if (text[0] != '/') return false;
     const char *p = text + 1;
