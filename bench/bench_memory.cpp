@@ -5,6 +5,9 @@
 //   Small  : 1000 small pieces (8 to 64 bytes, each touched), then reset.
 //   Scratch: save a mark, 4 pieces and a joined path string, restore: the
 //            way library calls use the shared freestore.
+// Small and Scratch are also run through a prototype of inline fast paths
+// (clearly marked below; not part of the library) to measure what such an
+// interface would buy.
 // Static allocator patterns, against malloc/free (and GSlice with GLib):
 //   Fill   : 1000 records of 48 bytes, then all released in reverse order.
 //   Churn  : a steady 1000 live records; release one at random, take one.
@@ -273,6 +276,81 @@ void Scratch_Talloc(benchmark::State &state) {
 }
 BENCHMARK(Scratch_Talloc);
 #endif
+
+// ---- Prototype, NOT part of the library ------------------------------------
+// What inline fast paths in the public header would give: the freestore's
+// common cases (bump in the current chunk, save, restore without oversized
+// chunks or clearing) expanded in the caller over the public record layout,
+// with a call into the library for everything else. The library has no such
+// interface; these exist only to measure what one would buy.
+namespace proto {
+
+inline void *fs_malloc(QOR_FS_allocator *fs, uint32_t size) {
+    const uint64_t rounded = (uint64_t{size} + 3) & ~uint64_t{3};
+    QOR_FS_chunk *c = fs->current_chunk;
+    if (c != nullptr && rounded - 1 < uint64_t{c->size - c->used}) {
+        const uint32_t used = c->used;
+        c->used = used + static_cast<uint32_t>(rounded);
+        return reinterpret_cast<char *>(c) + used;
+    }
+    return QOR_FS_malloc(fs, size);
+}
+
+inline void fs_save(QOR_FS_allocator *fs, QOR_FS_mark *mark) {
+    QOR_FS_chunk *c = fs->current_chunk;
+    mark->chunk = c;
+    mark->used = c != nullptr ? c->used : 0;
+    mark->oversized_count = c != nullptr ? fs->oversized_count : 0;
+}
+
+inline void fs_restore(QOR_FS_allocator *fs, QOR_FS_mark *mark) {
+    QOR_FS_chunk *c = mark->chunk;
+    if (c != nullptr && fs->oversized_count == mark->oversized_count &&
+        (fs->options & QOR_FS_CLEAR) == 0) {
+        fs->current_chunk = c;
+        c->used = mark->used;
+        return;
+    }
+    QOR_FS_restore(fs, mark);
+}
+
+}  // namespace proto
+
+void Small_FreestoreInlinePrototype(benchmark::State &state) {
+    QOR_FS_allocator fs = QOR_FS_INITIALISER(2016, 0);
+    for (auto _ : state) {
+        for (int i = 0; i < kPieces; ++i) {
+            char *p = static_cast<char *>(proto::fs_malloc(&fs, kSizes.v[i]));
+            p[0] = static_cast<char>(i);
+            benchmark::DoNotOptimize(p);
+        }
+        QOR_FS_empty(&fs);
+    }
+    QOR_FS_destroy(&fs);
+    state.SetItemsProcessed(state.iterations() * kPieces);
+}
+BENCHMARK(Small_FreestoreInlinePrototype);
+
+// The join stays the library's QOR_FS_cat_strings (one call per round).
+void Scratch_FreestoreInlinePrototype(benchmark::State &state) {
+    QOR_FS_allocator *fs = &QOR_SH_fs_allocator;
+    QOR_FS_copy_string(fs, "something from before");  // the mark is mid-chunk
+    for (auto _ : state) {
+        QOR_FS_mark mark;
+        proto::fs_save(fs, &mark);
+        for (unsigned n : kScratchSizes) {
+            char *p = static_cast<char *>(proto::fs_malloc(fs, n));
+            p[0] = 1;
+            benchmark::DoNotOptimize(p);
+        }
+        const Texts t = texts();
+        char *s = QOR_FS_cat_strings(fs, t.dir, t.name, t.ext, nullptr);
+        benchmark::DoNotOptimize(s);
+        proto::fs_restore(fs, &mark);
+    }
+    QOR_FS_destroy(fs);
+}
+BENCHMARK(Scratch_FreestoreInlinePrototype);
 
 // ---- Static allocator -----------------------------------------------------------
 

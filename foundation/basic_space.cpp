@@ -85,11 +85,13 @@ QOR_API void *QOR_copy_memory(const void *block, uint32_t length) {
 
 QOR_API char *QOR_cat_strings(const char *first, ...) {
     if (first == nullptr) return QOR_copy_string(nullptr);
-    va_list rest;
+    va_list rest, again;
     va_start(rest, first);
-    char *result = qor::join_strings(first, rest, [](size_t bytes) {
+    va_start(again, first);
+    char *result = qor::join_strings(first, rest, again, [](size_t bytes) {
         return QOR_malloc(static_cast<int32_t>(bytes));
     });
+    va_end(again);
     va_end(rest);
     return result;
 }

@@ -88,13 +88,14 @@ unsigned char *guard_of(void *block, int32_t count, int32_t unit_size) {
                static_cast<uint32_t>(unit_size);
 }
 
-// Appends kLogStep cleared records and returns the first of them.
+// Appends kLogStep cleared records and returns the first of them, or null
+// when the system has no memory for them (the log is then unchanged).
 log_record *grow_log() {
     const size_t records = static_cast<size_t>(log_records) + kLogStep;
     void *grown = freestore_log == nullptr
                       ? calloc(records, sizeof(log_record))
                       : realloc(freestore_log, records * sizeof(log_record));
-    if (grown == nullptr) qor::out_of_memory();
+    if (grown == nullptr) return nullptr;
     freestore_log = static_cast<log_record *>(grown);
     log_record *first_new = freestore_log + log_records;
     memset(first_new, 0, kLogStep * sizeof(log_record));
@@ -125,6 +126,12 @@ void *log_block(void *block, int32_t count, int32_t unit_size,
                 const char *file, int32_t line) {
     memcpy(guard_of(block, count, unit_size), kGuard, kGuardSize);
     log_record *r = record_for_new_block();
+    if (r == nullptr) {
+        // Nobody holds the block yet: give it back before the fatal error,
+        // which may jump to a handler and let the process carry on.
+        free(block);
+        qor::out_of_memory();
+    }
     r->in_use = 1;
     r->address = block;
     r->count = count;

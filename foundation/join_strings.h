@@ -15,35 +15,47 @@ inline constexpr int kMeasuredStrings = 32;
 
 // Joins `first` (not null) and the strings in `rest` up to a null pointer
 // into storage from allocate(bytes), bytes being the total length plus one.
+// `rest` is read once, to measure; the strings remembered are remembered
+// with their addresses, so only a join of more of them reads the list a
+// second time, from `again`: the same arguments, started afresh by the
+// caller. (Starting twice is cheaper than va_copy, whose copy of a list
+// just written by va_start stalls the processor.)
 template <class Allocate>
-char *join_strings(const char *first, va_list rest, Allocate allocate) {
+char *join_strings(const char *first, va_list rest, va_list again,
+                   Allocate allocate) {
+    const char *strings[kMeasuredStrings];
     size_t lengths[kMeasuredStrings];
+    strings[0] = first;
     lengths[0] = strlen(first);
     size_t total = lengths[0];
     int count = 1;
-    va_list args;
-    va_copy(args, rest);
-    for (const char *s = va_arg(args, const char *); s != nullptr;
-         s = va_arg(args, const char *)) {
+    for (const char *s = va_arg(rest, const char *); s != nullptr;
+         s = va_arg(rest, const char *)) {
         const size_t n = strlen(s);
-        if (count < kMeasuredStrings) lengths[count] = n;
+        if (count < kMeasuredStrings) {
+            strings[count] = s;
+            lengths[count] = n;
+        }
         total += n;
         ++count;
     }
-    va_end(args);
 
     char *result = static_cast<char *>(allocate(total + 1));
     char *out = result;
-    memcpy(out, first, lengths[0]);
-    out += lengths[0];
-    va_copy(args, rest);
-    for (int i = 1; i < count; ++i) {
-        const char *s = va_arg(args, const char *);
-        const size_t n = i < kMeasuredStrings ? lengths[i] : strlen(s);
-        memcpy(out, s, n);
-        out += n;
+    const int remembered = count < kMeasuredStrings ? count : kMeasuredStrings;
+    for (int i = 0; i < remembered; ++i) {
+        memcpy(out, strings[i], lengths[i]);
+        out += lengths[i];
     }
-    va_end(args);
+    if (count > kMeasuredStrings) [[unlikely]] {
+        for (int i = 1; i < count; ++i) {
+            const char *s = va_arg(again, const char *);
+            if (i < kMeasuredStrings) continue;
+            const size_t n = strlen(s);
+            memcpy(out, s, n);
+            out += n;
+        }
+    }
     *out = '\0';
     return result;
 }

@@ -83,11 +83,13 @@ void *new_chunk(QOR_FS_allocator *fs, uint64_t bytes, uint32_t piece) {
     return data_at(chunk, kHeader);
 }
 
-// The piece when it does not fit the current chunk: an oversized chunk, the
-// next kept chunk, or a new standard chunk. Kept out of line so that the
-// common case below stays a leaf function with nothing to save.
+// The piece when it does not fit the current chunk: null for a size of 0,
+// else an oversized chunk, the next kept chunk, or a new standard chunk.
+// Kept out of line so that the common case below stays a leaf function with
+// nothing to save.
 __attribute__((noinline)) void *allocate_elsewhere(QOR_FS_allocator *fs,
                                                    uint64_t rounded) {
+    if (rounded == 0) return nullptr;
     if (rounded > fs->chunk_size) {
         // Checked before counting, so a refused request leaves no trace.
         QOR_ASSERT(rounded + kHeader <= INT32_MAX, kUnit,
@@ -111,16 +113,18 @@ __attribute__((noinline)) void *allocate_elsewhere(QOR_FS_allocator *fs,
 // Allocation proper, shared by every operation here so that none of them
 // pays for a call through the exported entry point.
 inline void *allocate(QOR_FS_allocator *fs, uint32_t size) {
-    if (size == 0) return nullptr;
     // Pieces keep 4-byte alignment only, whatever they will hold. Kept in
     // 64 bits: a size near 4 GiB must not wrap to a small one.
-    const uint64_t rounded = (static_cast<uint64_t>(size) + 3) & ~uint64_t{3};
+    const uint64_t rounded = (uint64_t{size} + 3) & ~uint64_t{3};
     QOR_FS_chunk *current = fs->current_chunk;
-    if (__builtin_expect(
-            current != nullptr && current->used + rounded <= current->size, 1)) {
-        void *p = data_at(current, current->used);
-        current->used += static_cast<uint32_t>(rounded);
-        return p;
+    if (current != nullptr) [[likely]] {
+        const uint32_t used = current->used;
+        // One test for "fits" and "not empty": a size of 0 wraps round to
+        // the largest value and goes the slow way, which answers null.
+        if (rounded - 1 < uint64_t{current->size - used}) [[likely]] {
+            current->used = used + static_cast<uint32_t>(rounded);
+            return data_at(current, used);
+        }
     }
     return allocate_elsewhere(fs, rounded);
 }
@@ -128,8 +132,9 @@ inline void *allocate(QOR_FS_allocator *fs, uint32_t size) {
 // Unlinks and frees `count` oversized chunks, searching the chain after
 // `after` (from the head when null). Running out of chain means the count
 // was wrong: it is repaired and message 2501 reported.
-void free_oversized(QOR_FS_allocator *fs, QOR_FS_chunk *after,
-                    uint32_t count) {
+__attribute__((noinline)) void free_oversized(QOR_FS_allocator *fs,
+                                             QOR_FS_chunk *after,
+                                             uint32_t count) {
     fs->oversized_count -= count;
     QOR_FS_chunk **link = after != nullptr ? &after->next : &fs->first_chunk;
     uint32_t freed = 0;
@@ -156,10 +161,24 @@ void free_oversized(QOR_FS_allocator *fs, QOR_FS_chunk *after,
     QOR_output_message(qor::kSet, 2501, QOR_MSG_INFORMATION, nullptr);
 }
 
+// What a restore does beyond moving back to the mark: free the oversized
+// chunks made since the save, and under the clear option zero the storage
+// given back in the marked chunk (it held `used_before` bytes until now).
+__attribute__((noinline)) void finish_restore(QOR_FS_allocator *fs,
+                                             const QOR_FS_mark *mark,
+                                             uint32_t used_before) {
+    if (fs->oversized_count != mark->oversized_count) {
+        free_oversized(fs, mark->chunk,
+                       fs->oversized_count - mark->oversized_count);
+    }
+    if (clearing(fs)) clear_range(mark->chunk, mark->used, used_before);
+}
+
 // The concatenation of s1 (not null) and the strings in `rest` up to a
-// null, in one new piece.
-char *cat_list(QOR_FS_allocator *fs, const char *s1, va_list rest) {
-    return qor::join_strings(s1, rest, [fs](size_t bytes) {
+// null, in one new piece; `again` holds the same strings (see join_strings).
+char *cat_list(QOR_FS_allocator *fs, const char *s1, va_list rest,
+               va_list again) {
+    return qor::join_strings(s1, rest, again, [fs](size_t bytes) {
         QOR_ASSERT(bytes <= UINT32_MAX, kUnit,
                    "QOR_FS_cat_strings called to join too many bytes");
         return allocate(fs, static_cast<uint32_t>(bytes));
@@ -214,9 +233,11 @@ QOR_API void *QOR_FS_copy_memory(QOR_FS_allocator *fs, const void *p,
 
 QOR_API char *QOR_FS_cat_strings(QOR_FS_allocator *fs, const char *s1, ...) {
     if (s1 == nullptr) return QOR_FS_copy_string(fs, nullptr);
-    va_list rest;
+    va_list rest, again;
     va_start(rest, s1);
-    char *result = cat_list(fs, s1, rest);
+    va_start(again, s1);
+    char *result = cat_list(fs, s1, rest, again);
+    va_end(again);
     va_end(rest);
     return result;
 }
@@ -225,9 +246,11 @@ QOR_API char *QOR_SH_cat_strings(const char *s1, ...) {
     // The first string is copied first, so a null one becomes "" and the
     // strings after it are still joined.
     char *first = QOR_copy_string(s1);
-    va_list rest;
+    va_list rest, again;
     va_start(rest, s1);
-    char *result = cat_list(&QOR_SH_fs_allocator, first, rest);
+    va_start(again, s1);
+    char *result = cat_list(&QOR_SH_fs_allocator, first, rest, again);
+    va_end(again);
     va_end(rest);
     QOR_free(first);
     return result;
@@ -242,27 +265,29 @@ QOR_API void QOR_FS_save(QOR_FS_allocator *fs, QOR_FS_mark *mark) {
 
 QOR_API void QOR_FS_restore(QOR_FS_allocator *fs, QOR_FS_mark *mark) {
     QOR_FS_chunk *chunk = mark->chunk;
-    if (chunk == nullptr) {
+    if (chunk == nullptr) [[unlikely]] {
         QOR_FS_empty(fs);
         return;
     }
     const uint32_t used_before = chunk->used;
     fs->current_chunk = chunk;
     chunk->used = mark->used;
-    if (fs->oversized_count != mark->oversized_count) {
-        free_oversized(fs, chunk, fs->oversized_count - mark->oversized_count);
+    // The common restore ends here: no oversized chunk made since the save,
+    // no clearing. The rest stays out of line so this needs no stack frame.
+    if (fs->oversized_count != mark->oversized_count || clearing(fs))
+        [[unlikely]] {
+        finish_restore(fs, mark, used_before);
     }
-    if (clearing(fs)) clear_range(chunk, mark->used, used_before);
 }
 
 QOR_API void QOR_FS_empty(QOR_FS_allocator *fs) {
-    if (fs->oversized_count != 0) {
+    if (fs->oversized_count != 0) [[unlikely]] {
         free_oversized(fs, nullptr, fs->oversized_count);
     }
     QOR_FS_chunk *first = fs->first_chunk;
     fs->current_chunk = first;
     if (first == nullptr) return;
-    if (clearing(fs)) clear_range(first, kHeader, first->used);
+    if (clearing(fs)) [[unlikely]] clear_range(first, kHeader, first->used);
     first->used = kHeader;
 }
 

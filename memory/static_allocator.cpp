@@ -39,7 +39,8 @@ constexpr uint32_t kBitmapWords = 256;
 constexpr int kNotInAllocator = 201;
 constexpr int kAlreadyFree = 202;
 
-void misuse(int parameter) {
+// Out of line: a release pays nothing for the fatal error's set-up.
+__attribute__((noinline, cold)) void misuse(int parameter) {
     int parameters[1] = {parameter};
     QOR_fatal_error_msg(qor::kSet, 1, 1, parameters, QOR_E_INTERNAL);
 }
@@ -100,7 +101,7 @@ inline uint32_t position_of(uint64_t offset, uint32_t structure_size) {
         (static_cast<u128>(last_reciprocal.multiplier) * n) >> 64);
 }
 
-void *record_at(const QOR_SA_allocator *sa, uint32_t index) {
+inline void *record_at(const QOR_SA_allocator *sa, uint32_t index) {
     uint32_t block = 0;
     uint32_t position = index;
     if (index >= sa->initial_entries) {
@@ -112,51 +113,82 @@ void *record_at(const QOR_SA_allocator *sa, uint32_t index) {
            uint64_t{position} * sa->structure_size;
 }
 
-// The block where the last lookup succeeded, and whose allocator: records
-// are mostly released soon after they are taken, from the same block. Only
-// a hint: it is checked against the allocator's current blocks before use,
-// so a stale one costs nothing but the linear search.
+// No record index: the value a lookup gives for a pointer in no block.
+// Real indices stay below the total of records, itself at most UINT32_MAX.
+constexpr uint32_t kNoIndex = UINT32_MAX;
+
+// The block where the last lookup succeeded, with what a lookup needs of
+// it: records are mostly released soon after they are taken, from the same
+// block. Only a hint: it names its allocator and block address, is checked
+// against the allocator's current blocks before use, and is dropped when
+// the allocator adds a block or is destroyed, so a stale one costs nothing
+// but the search of the blocks.
 struct BlockHint {
     const QOR_SA_allocator *sa;
-    uint32_t block;
+    uintptr_t base;        // the block's address
+    uint64_t span;         // its records x structure_size bytes
+    uint32_t block;        // its number
+    uint32_t first_index;  // the index of its first record
 };
-constinit BlockHint last_block = {nullptr, 0};
+constinit BlockHint last_block = {nullptr, 0, 0, 0, 0};
 
-// Is address within `block`? Sets the record's index when it is. Addresses
-// are compared as integers, since p may belong to anything at all: one below
-// the block wraps round to a huge offset and fails the range test as well.
-inline bool in_block(const QOR_SA_allocator *sa, uintptr_t address,
-                     uint32_t block, uint32_t *index) {
-    const uint64_t offset =
-        address - reinterpret_cast<uintptr_t>(sa->blocks[block]);
-    const uint64_t size = sa->structure_size;
-    if (block == 0) {
-        if (offset >= sa->initial_entries * size) return false;
-        *index = position_of(offset, sa->structure_size);
-        return true;
-    }
-    if (offset >= sa->extension_entries * size) return false;
-    *index = sa->initial_entries + (block - 1) * sa->extension_entries +
-             position_of(offset, sa->structure_size);
-    return true;
+void forget_block_hint(const QOR_SA_allocator *sa) {
+    if (last_block.sa == sa) last_block.sa = nullptr;
 }
 
-// The index of the record that `p` points into: the blocks are searched in
-// order (after a look at the block of the last lookup). False when p lies in
-// none of them.
-bool index_of(const QOR_SA_allocator *sa, const void *p, uint32_t *index) {
-    const uintptr_t address = reinterpret_cast<uintptr_t>(p);
-    if (last_block.sa == sa && last_block.block < sa->blocks_in_use &&
-        in_block(sa, address, last_block.block, index)) {
-        return true;
+// The index of the record that `address` points into, searching the blocks
+// in order; kNoIndex when it lies in none of them. Addresses are compared
+// as integers, since the pointer may belong to anything at all: one below a
+// block wraps round to a huge offset and fails the range test as well.
+// Blocks never overlap, so the first block found is the only one.
+__attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
+                                                 uintptr_t address) {
+    const uint32_t blocks = sa->blocks_in_use;
+    if (blocks == 0) return kNoIndex;
+    void *const *array = sa->blocks;
+    const uint64_t size = sa->structure_size;
+    uint32_t block = 0;
+    uint64_t span = sa->initial_entries * size;
+    uintptr_t base = reinterpret_cast<uintptr_t>(array[0]);
+    if (address - base >= span) {
+        // Every further block has the same span: the test is a load, a
+        // subtraction and a comparison per block.
+        span = sa->extension_entries * size;
+        for (block = 1; block < blocks; ++block) {
+            base = reinterpret_cast<uintptr_t>(array[block]);
+            if (address - base < span) break;
+        }
+        if (block == blocks) return kNoIndex;
     }
-    for (uint32_t block = 0; block < sa->blocks_in_use; ++block) {
-        if (in_block(sa, address, block, index)) {
-            last_block = {sa, block};
-            return true;
+    const uint32_t first_index =
+        block == 0 ? 0
+                   : sa->initial_entries + (block - 1) * sa->extension_entries;
+    last_block = {sa, base, span, block, first_index};
+    return first_index + position_of(address - base, sa->structure_size);
+}
+
+// The block of the last lookup, when `sa` has it still and it holds
+// `address`: then the record's index, else kNoIndex.
+inline uint32_t index_in_last_block(const QOR_SA_allocator *sa,
+                                    uintptr_t address) {
+    const BlockHint &hint = last_block;
+    if (hint.sa == sa && hint.block < sa->blocks_in_use &&
+        reinterpret_cast<uintptr_t>(sa->blocks[hint.block]) == hint.base) {
+        const uint64_t offset = address - hint.base;
+        if (offset < hint.span) [[likely]] {
+            return hint.first_index + position_of(offset, sa->structure_size);
         }
     }
-    return false;
+    return kNoIndex;
+}
+
+// The index of the record that `p` points into (a pointer into the middle
+// of a record maps to that record), or kNoIndex: the block of the last
+// lookup is tried first.
+inline uint32_t index_of(const QOR_SA_allocator *sa, const void *p) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(p);
+    const uint32_t index = index_in_last_block(sa, address);
+    return index != kNoIndex ? index : search_blocks(sa, address);
 }
 
 // The first record in use at or after `from`, or `total` when none.
@@ -196,6 +228,7 @@ T *grow(T *array, uint32_t entries) {
 
 // Rare, so kept out of line: allocation itself stays small.
 __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
+    forget_block_hint(sa);
     const bool first = sa->blocks == nullptr;
     if (first) {
         sa->initial_entries = round_to_word(sa->initial_entries);
@@ -239,6 +272,102 @@ __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
     sa->first_free_hint = first_index;
 }
 
+// The search ran past the records although the free count said one was
+// free: the allocator's state has been damaged. Out of line, so that the
+// search needs no stack frame.
+__attribute__((noinline, cold)) uint32_t free_count_wrong() {
+    QOR_ASSERT(false, kUnit, "QOR_SA_allocate found its free count wrong");
+    return kNoIndex;  // only when the application lets fatal errors return
+}
+
+// Takes the lowest free record and gives its index: the search starts at
+// the hint (no record below it is free) and skips whole words of records in
+// use.
+inline uint32_t take_record(QOR_SA_allocator *sa) {
+    const uint32_t hint = sa->first_free_hint;
+    uint64_t *const bitmaps = sa->bitmaps;
+    uint32_t word = hint / kBits;
+    // While a record is free the hint lies below the total of records; the
+    // bound only keeps a wrong hint from reading outside the bitmap.
+    uint64_t free_bits = 0;
+    if (word < sa->bitmaps_allocated) [[likely]] {
+        free_bits = bitmaps[word] & (kAllFree << (hint % kBits));
+    }
+    if (free_bits == 0) {
+        // Blocks hold whole words, so the records end on a word boundary.
+        const uint32_t words = total_records(sa) / kBits;
+        do {
+            if (++word >= words) [[unlikely]] return free_count_wrong();
+            free_bits = bitmaps[word];
+        } while (free_bits == 0);
+    }
+    const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
+    bitmaps[word] &= ~(uint64_t{1} << bit);
+    const uint32_t index = word * kBits + bit;
+    sa->free_entries -= 1;
+    sa->first_free_hint = index + 1;
+    return index;
+}
+
+// Calls a hook on a record and gives the record back: out of line, so that
+// an allocator without hooks never sets up the call.
+__attribute__((noinline)) void *with_hook(QOR_SA_hook hook, void *record,
+                                          uint32_t structure_size) {
+    hook(record, structure_size);
+    return record;
+}
+
+inline void *allocate_record(QOR_SA_allocator *sa) {
+    const uint32_t index = take_record(sa);
+    if (index == kNoIndex) [[unlikely]] return nullptr;
+    void *record = record_at(sa, index);
+    if (sa->allocate_hook != nullptr) {
+        return with_hook(sa->allocate_hook, record, sa->structure_size);
+    }
+    return record;
+}
+
+// An allocation that first needs a block (and a static allocator's set-up).
+__attribute__((noinline)) void *allocate_in_new_block(QOR_SA_allocator *sa) {
+    add_block(sa);
+    return allocate_record(sa);
+}
+
+// Marks record `index` free again.
+inline void give_back(QOR_SA_allocator *sa, uint32_t index) {
+    sa->bitmaps[index / kBits] |= uint64_t{1} << (index % kBits);
+    sa->free_entries += 1;
+    if (index < sa->first_free_hint) sa->first_free_hint = index;
+}
+
+// The release hook runs before the record is marked free.
+__attribute__((noinline)) void release_with_hook(QOR_SA_allocator *sa,
+                                                 void *record,
+                                                 uint32_t index) {
+    sa->release_hook(record, sa->structure_size);
+    give_back(sa, index);
+}
+
+// Release once the record's index is known (kNoIndex: in no block). After
+// either misuse the record is left alone, should the application let fatal
+// errors return.
+inline void release_index(QOR_SA_allocator *sa, void *record,
+                          uint32_t index) {
+    if (index == kNoIndex) [[unlikely]] return misuse(kNotInAllocator);
+    if (is_free(sa, index)) [[unlikely]] return misuse(kAlreadyFree);
+    if (sa->release_hook != nullptr) {
+        return release_with_hook(sa, record, index);
+    }
+    give_back(sa, index);
+}
+
+// A release whose record is not in the block of the last lookup.
+__attribute__((noinline)) void release_after_search(QOR_SA_allocator *sa,
+                                                    void *record) {
+    release_index(sa, record,
+                  search_blocks(sa, reinterpret_cast<uintptr_t>(record)));
+}
+
 }  // namespace
 
 extern "C" {
@@ -256,48 +385,15 @@ QOR_API void QOR_SA_initialise(QOR_SA_allocator *sa, uint32_t structure_size,
 
 QOR_API void *QOR_SA_allocate(QOR_SA_allocator *sa) {
     // An allocator that is static data, or destroyed, sets itself up here.
-    if (__builtin_expect(sa->free_entries == 0, 0)) add_block(sa);
-
-    // Blocks hold whole words, so the records end on a word boundary.
-    const uint32_t words = total_records(sa) / kBits;
-    uint32_t word = sa->first_free_hint / kBits;
-    uint64_t free_bits =
-        word < words
-            ? sa->bitmaps[word] & (kAllFree << (sa->first_free_hint % kBits))
-            : 0;
-    const uint64_t *bitmaps = sa->bitmaps;
-    while (free_bits == 0 && ++word < words) free_bits = bitmaps[word];
-    QOR_ASSERT(free_bits != 0, kUnit,
-               "QOR_SA_allocate found its free count wrong");
-    const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
-    sa->bitmaps[word] &= ~(uint64_t{1} << bit);
-    const uint32_t index = word * kBits + bit;
-    sa->free_entries -= 1;
-    sa->first_free_hint = index + 1;
-
-    void *record = record_at(sa, index);
-    if (sa->allocate_hook != nullptr) {
-        sa->allocate_hook(record, sa->structure_size);
-    }
-    return record;
+    if (sa->free_entries == 0) [[unlikely]] return allocate_in_new_block(sa);
+    return allocate_record(sa);
 }
 
 QOR_API void QOR_SA_release(QOR_SA_allocator *sa, void *record) {
-    uint32_t index = 0;
-    if (!index_of(sa, record, &index)) {
-        misuse(kNotInAllocator);
-        return;  // only when the application lets fatal errors return
-    }
-    if (is_free(sa, index)) {
-        misuse(kAlreadyFree);
-        return;
-    }
-    if (sa->release_hook != nullptr) {
-        sa->release_hook(record, sa->structure_size);
-    }
-    sa->bitmaps[index / kBits] |= uint64_t{1} << (index % kBits);
-    sa->free_entries += 1;
-    if (index < sa->first_free_hint) sa->first_free_hint = index;
+    const uint32_t index =
+        index_in_last_block(sa, reinterpret_cast<uintptr_t>(record));
+    if (index == kNoIndex) return release_after_search(sa, record);
+    release_index(sa, record, index);
 }
 
 QOR_API void QOR_SA_release_all(QOR_SA_allocator *sa) {
@@ -313,8 +409,8 @@ QOR_API void *QOR_SA_next(QOR_SA_allocator *sa, const void *record) {
     if (sa->blocks_in_use == 0) return nullptr;
     uint32_t start = 0;
     if (record != nullptr) {
-        uint32_t index = 0;
-        if (!index_of(sa, record, &index)) {
+        const uint32_t index = index_of(sa, record);
+        if (index == kNoIndex) {
             misuse(kNotInAllocator);
             return nullptr;
         }
@@ -327,6 +423,7 @@ QOR_API void *QOR_SA_next(QOR_SA_allocator *sa, const void *record) {
 
 QOR_API void QOR_SA_destroy(QOR_SA_allocator *sa) {
     release_hook_all(sa);
+    forget_block_hint(sa);
     for (uint32_t block = 0; block < sa->blocks_in_use; ++block) {
         QOR_free(sa->blocks[block]);
     }

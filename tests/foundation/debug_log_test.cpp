@@ -3,6 +3,7 @@
 // rule by which a record is reused. Each test runs in a process of its own,
 // so the log and its free counter start afresh in every one.
 #include <errno.h>
+#include <malloc.h>
 #include <string.h>
 
 #include "debug_support.h"
@@ -166,6 +167,27 @@ TEST(FreestoreLog, GrowingItWithoutMemoryIsFatal) {
     EXPECT_EQ(armed.exit_status, 0);
     EXPECT_EQ(armed.out, "2011");
     EXPECT_EQ(armed.err, kExhaustedStderr);
+}
+
+// With the handler armed the process carries on after the fatal error, so a
+// block taken before the log failed to grow must not stay allocated: nobody
+// holds it. The system allocator's own count of bytes in use tells.
+TEST(FreestoreLog, BlockIsGivenBackWhenTheLogCannotGrow) {
+    if (qor_test::under_valgrind()) GTEST_SKIP() << "valgrind keeps its own heap";
+    const qor_test::ChildResult r = qor_test::run_in_child([] {
+        fill_log(kLogStep);
+        const size_t before = mallinfo2().uordblks;
+        const int value = fatal_jump_value([] {
+            qor_fault_fail(QF_realloc, ENOMEM, 0, -1);
+            QOR_malloc_debug(50000, "big.c", 1);
+        });
+        qor_fault_reset();
+        const size_t after = mallinfo2().uordblks;
+        printf("%d %zu", value, after - before);
+    });
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(r.err, kExhaustedStderr);
+    EXPECT_EQ(r.out, "2011 0");
 }
 
 // ---- Reusing records -----------------------------------------------------

@@ -289,6 +289,159 @@ void run_static_model(unsigned seed, uint32_t size, uint32_t initial,
     QOR_SA_destroy(&model.sa);
 }
 
+// The record the allocator must hand out is fixed: the lowest free index,
+// at the address its index gives in the blocks the allocator shows. Every
+// step is checked against that rule worked out from the public fields, with
+// the hint, the free count and the bitmap word of the record.
+struct OrderModel {
+    QOR_SA_allocator sa;
+    std::vector<bool> used;  // by index, as long as the records in all blocks
+
+    uint32_t total() const {
+        if (sa.blocks_in_use == 0) return 0;
+        return (sa.blocks_in_use - 1) * sa.extension_entries + sa.initial_entries;
+    }
+
+    char *address_of(uint32_t index) const {
+        uint32_t block = 0, position = index;
+        if (index >= sa.initial_entries) {
+            block = 1 + (index - sa.initial_entries) / sa.extension_entries;
+            position = (index - sa.initial_entries) % sa.extension_entries;
+        }
+        return static_cast<char *>(sa.blocks[block]) +
+               uint64_t{position} * sa.structure_size;
+    }
+
+    bool bit(uint32_t index) const {
+        return (sa.bitmaps[index / 64] >> (index % 64)) & 1u;
+    }
+
+    void allocate() {
+        uint32_t expected = 0;
+        while (expected < used.size() && used[expected]) ++expected;
+        char *p = static_cast<char *>(QOR_SA_allocate(&sa));
+        used.resize(total(), false);
+        ASSERT_LT(expected, total());
+        ASSERT_EQ(p, address_of(expected)) << "index " << expected;
+        ASSERT_EQ(sa.first_free_hint, expected + 1);
+        ASSERT_FALSE(bit(expected));
+        used[expected] = true;
+    }
+
+    void release(uint32_t index, uint32_t into) {
+        const uint32_t hint = sa.first_free_hint;
+        const uint32_t free_before = sa.free_entries;
+        QOR_SA_release(&sa, address_of(index) + into);
+        ASSERT_TRUE(bit(index)) << "index " << index;
+        ASSERT_EQ(sa.first_free_hint, index < hint ? index : hint);
+        ASSERT_EQ(sa.free_entries, free_before + 1);
+        used[index] = false;
+    }
+
+    void check_next() {
+        std::vector<void *> seen, expected;
+        for (void *r = QOR_SA_next(&sa, nullptr); r != nullptr;
+             r = QOR_SA_next(&sa, r))
+            seen.push_back(r);
+        for (uint32_t i = 0; i < used.size(); ++i)
+            if (used[i]) expected.push_back(address_of(i));
+        ASSERT_EQ(seen, expected);
+    }
+};
+
+void run_order_model(unsigned seed, uint32_t size, uint32_t initial,
+                     uint32_t extension, int live) {
+    std::mt19937 rng(seed);
+    OrderModel model;
+    model.sa = QOR_SA_allocator QOR_SA_INITIALISER(size, initial, extension,
+                                                   nullptr, nullptr);
+    // Fill to `live` records, then churn around that level: releases land
+    // in every block in turn, far from the block of the last lookup.
+    for (int i = 0; i < live; ++i) {
+        model.allocate();
+        if (testing::Test::HasFatalFailure()) return;
+    }
+    for (int op = 0; op < kOperations; ++op) {
+        std::vector<uint32_t> in_use;
+        for (uint32_t i = 0; i < model.used.size(); ++i)
+            if (model.used[i]) in_use.push_back(i);
+        const unsigned roll = rng() % 100;
+        if (roll < 48 && !in_use.empty()) {
+            model.release(in_use[rng() % in_use.size()], rng() % size);
+        } else if (roll < 99) {
+            model.allocate();
+        } else {
+            QOR_SA_release_all(&model.sa);
+            model.used.assign(model.used.size(), false);
+            ASSERT_EQ(model.sa.first_free_hint, 0u);
+        }
+        if (op % 100 == 0) model.check_next();
+        if (testing::Test::HasFatalFailure()) {
+            ADD_FAILURE() << "seed " << seed << ", operation " << op;
+            return;
+        }
+    }
+    model.check_next();
+    QOR_SA_destroy(&model.sa);
+}
+
+TEST(StaticAllocatorModel, HandsOutTheLowestFreeRecordAtItsIndexAddress) {
+    for (unsigned seed : kSeeds) {
+        SCOPED_TRACE(seed);
+        run_order_model(seed, 48, 32, 32, 1000);    // many blocks of 64
+        if (HasFatalFailure()) return;
+        run_order_model(seed, 40, 100, 10, 300);    // 128, then blocks of 64
+        if (HasFatalFailure()) return;
+        run_order_model(seed, 64, 1024, 1024, 1000);  // one large block
+        if (HasFatalFailure()) return;
+    }
+}
+
+TEST(StaticAllocatorModel, ReleaseFindsRecordsAfterTheBlocksChange) {
+    // Lookups remember the last block found. Destroying the allocator and
+    // setting it up again with other counts, on the same record, gets new
+    // blocks that may lie where the old ones were (these are large enough
+    // for the system allocator to map and unmap them): what was remembered
+    // of the old blocks must not be used.
+    OrderModel model;
+    QOR_SA_initialise(&model.sa, 4096, 64, 64, nullptr, nullptr);
+    model.used.assign(64, false);
+    for (int i = 0; i < 4 * 64 && !HasFatalFailure(); ++i) model.allocate();
+    model.release(64 + 10, 0);  // a lookup in block 1
+    QOR_SA_destroy(&model.sa);
+    QOR_SA_initialise(&model.sa, 4096, 128, 64, nullptr, nullptr);
+    model.used.assign(128, false);
+    for (int i = 0; i < 128 + 3 * 64 && !HasFatalFailure(); ++i) model.allocate();
+    for (uint32_t i : {5u, 100u, 127u, 128u + 10, 128u + 64 + 5, 0u}) {
+        model.release(i, 7);
+        if (HasFatalFailure()) return;
+    }
+    for (uint32_t expected : {0u, 5u, 100u, 127u, 128u + 10, 128u + 64 + 5})
+        EXPECT_EQ(QOR_SA_allocate(&model.sa), model.address_of(expected));
+    QOR_SA_destroy(&model.sa);
+}
+
+TEST(StaticAllocatorModel, PointersBesideEveryBlockAreForeign) {
+    QOR_SA_allocator sa;
+    QOR_SA_initialise(&sa, 48, 64, 64, nullptr, nullptr);
+    for (int i = 0; i < 40 * 64; ++i) QOR_SA_allocate(&sa);
+    ASSERT_EQ(sa.blocks_in_use, 40u);
+    qor_test::MessageLog log;
+    for (uint32_t block = 0; block < sa.blocks_in_use; ++block) {
+        char *start = static_cast<char *>(sa.blocks[block]);
+        // The block's own last record first, so the next lookup starts
+        // from this block.
+        QOR_SA_release(&sa, start + 63 * 48 + 47);
+        EXPECT_EQ(qor_test::catch_fatal([&] { QOR_SA_release(&sa, start - 1); }),
+                  2001);
+        EXPECT_EQ(qor_test::catch_fatal(
+                      [&] { QOR_SA_release(&sa, start + 64 * 48); }),
+                  2001);
+    }
+    EXPECT_EQ(sa.free_entries, 40u);
+    QOR_SA_destroy(&sa);
+}
+
 TEST(StaticAllocatorModel, AllocateReleaseAndNextAgainstASet) {
     for (unsigned seed : kSeeds) {
         SCOPED_TRACE(seed);
