@@ -50,10 +50,12 @@ const Case &get_case(int i) {
         {"host_part_relative", "@rel/x", "", "rel/x"},
         {"variable", "$(X)/y", "/data", "y"},
         {"thirty_components", thirty_components(), "", thirty_components()},
+        {"plain", "/opt/q/etc/f.txt", "", "/opt/q/etc/f.txt"},
+        {"host_part_absolute", "@/opt/q/etc/f.txt", "", "/opt/q/etc/f.txt"},
     };
     return cases[i];
 }
-constexpr int kCases = 5;
+constexpr int kCases = 7;
 
 // Run once before main: the anchors of every case, before any translation.
 struct Environment {

@@ -88,7 +88,8 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     }
 
     // QOR_SH_lock_path(path): the absolute path, "/", the member's name.
-    const char *lock_path = QOR_SH_cat_strings(absolute, "/", kLock, nullptr);
+    const char *lock_path =
+        QOR_FS_cat_strings(shared(), absolute, "/", kLock, nullptr);
     int32_t writable = 1;
     if (!exclusive(request)) {
         const int status = QOR_is_accessible(lock_path, QOR_PLAIN_FILE,

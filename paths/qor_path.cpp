@@ -21,6 +21,7 @@
 
 #include "foundation/host.h"
 #include "foundation/internal.h"
+#include "paths/general_path.h"
 #include "qor/paths.h"
 
 namespace {
@@ -110,10 +111,12 @@ constexpr uint32_t kNodesPerBlock = 16;
 
 // Freestore pieces keep only 4-byte alignment; nodes hold pointers, so a
 // block takes 4 spare bytes and starts at the next 8-byte boundary.
+constexpr uint32_t kNodeBlockBytes = kNodesPerBlock * sizeof(Component) + 4;
+
 Component *new_node(uint32_t kind, char *name, size_t length) {
     if (g_nodes.next == g_nodes.end) {
-        auto raw = reinterpret_cast<uintptr_t>(QOR_FS_malloc(
-            shared(), kNodesPerBlock * sizeof(Component) + 4));
+        auto raw = reinterpret_cast<uintptr_t>(
+            QOR_FS_malloc(shared(), kNodeBlockBytes));
         g_nodes.next = reinterpret_cast<Component *>((raw + 7) & ~uintptr_t{7});
         g_nodes.end = g_nodes.next + kNodesPerBlock;
     }
@@ -586,12 +589,173 @@ bool run(const Request &r, char *buffer) {
     return fail();
 }
 
-char *convert(const Request &r, bool in_freestore) {
-    if (r.text == nullptr || (r.op == Op::concat && r.tail == nullptr)) {
-        return nullptr;
-    }
-    if (r.text[0] == '\0' && r.op != Op::linkname) return nullptr;
+// ---- The fast path -----------------------------------------------------
+//
+// Most texts the library is handed are plain absolute host paths, as qor
+// paths ("/a/b") or as embedded host paths ("@/a/b"): a root and then
+// names only. For them the general algorithm gives back (part of) its own
+// input: every component is a name, copied unchanged, and nothing is
+// dropped or spliced in. Such texts are recognised in one pass and copied
+// at once; anything else takes the general algorithm.
+//
+// The general algorithm leaves one more trace: its scratch lands in the
+// shared freestore, and when it does not fit the current chunk the
+// freestore takes new chunks, which stay in its chain after the restore
+// (an oversized one is freed again). So the fast path is taken only when
+// all that scratch would have fitted the current chunk: then the freestore
+// ends exactly as the general algorithm would leave it, chain included,
+// and the result is copied by the same call to the same place.
 
+constinit bool g_general_only = false;
+
+bool ends_component(char c) { return c == '/' || c == '\0'; }
+
+struct Plain {
+    size_t length;      // characters of the text
+    size_t components;  // names after the root
+};
+
+// The characters that need a closer look at the start of a name; any
+// other first character makes a plain name, whatever follows it.
+struct FirstCharacters {
+    bool special[256];
+};
+constexpr FirstCharacters kFirst = [] {
+    FirstCharacters t{};
+    // The terminator of the list stands for the end of the text.
+    constexpr char kList[] = "/@$_#~.";
+    for (const char c : kList) t.special[static_cast<unsigned char>(c)] = true;
+    return t;
+}();
+
+// True when text is "/" followed by names separated by single "/", with
+// at most max_length characters in all. A name is any text but one that the
+// qor parser or the OS parser treats otherwise: empty (a doubled or
+// trailing "/", which restart or vanish), "." and "..", an anchor ("_",
+// "#", "~", ".0"), one starting with "@" (a host part) or "$" (a possible
+// variable), or one whose second character is ":" (a drive-style root, or
+// nothing at all in an OS path after the first component). The rest of the
+// characters ("+", ".", ":" elsewhere, any byte) only classify names that
+// are all copied alike.
+bool plain_absolute(const char *text, size_t max_length, Plain *out) {
+    if (text[0] != '/') return false;
+    const char *p = text + 1;
+    size_t components = 0;
+    for (;;) {
+        if (kFirst.special[static_cast<unsigned char>(p[0])]) {
+            switch (p[0]) {
+                case '_':
+                case '#':
+                case '~':
+                    if (ends_component(p[1])) return false;
+                    break;
+                case '.':
+                    if (ends_component(p[1]) ||
+                        ((p[1] == '.' || p[1] == '0') &&
+                         ends_component(p[2]))) {
+                        return false;
+                    }
+                    break;
+                default:  // the end, "/", "@", "$"
+                    return false;
+            }
+        }
+        // p[0] is a character of the name, so p[1] exists.
+        if (p[1] == ':') return false;
+        ++components;
+        const char *q = p + 1;
+        while (!ends_component(*q)) ++q;
+        if (*q == '\0') {
+            out->length = static_cast<size_t>(q - text);
+            out->components = components;
+            return out->length <= max_length;
+        }
+        p = q + 1;
+    }
+}
+
+size_t piece_bytes(size_t n) { return (n + 3) & ~size_t{3}; }
+
+// Whether the general algorithm's scratch for a text of `length`
+// characters and `components` names would fit the shared freestore's
+// current chunk. The bound covers every case the fast path takes: the copy
+// of the text, a second copy of an embedded host path, and a node for the
+// root, each name and a host part.
+bool scratch_fits(size_t length, size_t components) {
+    const QOR_FS_allocator *fs = shared();
+    const QOR_FS_chunk *c = fs->current_chunk;
+    if (c == nullptr || (fs->options & QOR_FS_CLEAR) != 0 ||
+        c->used > c->size) {
+        return false;
+    }
+    const size_t blocks =
+        (components + 2 + kNodesPerBlock - 1) / kNodesPerBlock;
+    const size_t scratch =
+        2 * piece_bytes(length + 1) + blocks * piece_bytes(kNodeBlockBytes);
+    return scratch <= c->size - c->used;
+}
+
+// The part of r.text that the translation gives back, or null when the
+// text needs the general algorithm.
+const char *fast_result(const Request &r) {
+    const char *text = r.text;
+    Plain plain;
+    switch (r.op) {
+        case Op::qor_to_os:
+            if (text[0] == '@') {
+                // The OS form copies a host part as written, whatever it
+                // holds; "@:" starts a drive-style root instead, and "@"
+                // alone renders as nothing.
+                if (text[1] == '\0' || text[1] == ':') return nullptr;
+                const size_t n = strlen(text);
+                return n <= kMaxPath && scratch_fits(n, 0) ? text + 1
+                                                           : nullptr;
+            }
+            break;
+        case Op::qor_to_qor:
+        case Op::composite:
+            if (text[0] == '@') {
+                // A host part first is parsed as an OS path; a plain absolute
+                // one is its own normal form. The whole text, "@" included,
+                // must keep within the limit.
+                return plain_absolute(text + 1, kMaxPath - 1, &plain) &&
+                               scratch_fits(plain.length + 1, plain.components)
+                           ? text + 1
+                           : nullptr;
+            }
+            break;
+        case Op::os_to_qor:
+            break;
+        default:
+            return nullptr;
+    }
+    return plain_absolute(text, kMaxPath, &plain) &&
+                   scratch_fits(plain.length, plain.components)
+               ? text
+               : nullptr;
+}
+
+char *lasting_copy(const char *text, bool in_freestore) {
+    return in_freestore ? QOR_FS_copy_string(shared(), text)
+                        : QOR_copy_string(text);
+}
+
+// The composite of a plain directory path: the directory, "/", the name;
+// null when that is too long, which the general algorithm then refuses.
+[[gnu::noinline]] char *fast_composite(const char *dir, const char *name,
+                                       bool in_freestore) {
+    const size_t n = strlen(dir);
+    const size_t m = name != nullptr ? strlen(name) : 0;
+    if (n + 1 + m > kMaxPath) return nullptr;
+    char buffer[kBufferSize];
+    memcpy(buffer, dir, n);
+    buffer[n] = '/';
+    memcpy(buffer + n + 1, name != nullptr ? name : "", m + 1);
+    return lasting_copy(buffer, in_freestore);
+}
+
+// The general algorithm, with its working buffer in a frame of its own.
+[[gnu::noinline]] char *convert_general(const Request &r, bool in_freestore) {
     const bool saved_flag = g_conversion_failed;
     const NodeBlock saved_nodes = g_nodes;
     g_conversion_failed = false;
@@ -608,8 +772,23 @@ char *convert(const Request &r, bool in_freestore) {
     g_conversion_failed = saved_flag;
     g_nodes = saved_nodes;
     if (failed) return nullptr;
-    return in_freestore ? QOR_FS_copy_string(shared(), buffer)
-                        : QOR_copy_string(buffer);
+    return lasting_copy(buffer, in_freestore);
+}
+
+char *convert(const Request &r, bool in_freestore) {
+    if (r.text == nullptr || (r.op == Op::concat && r.tail == nullptr)) {
+        return nullptr;
+    }
+    if (r.text[0] == '\0' && r.op != Op::linkname) return nullptr;
+    if (!g_general_only) {
+        if (const char *fast = fast_result(r)) {
+            if (r.op != Op::composite) return lasting_copy(fast, in_freestore);
+            if (char *joined = fast_composite(fast, r.tail, in_freestore)) {
+                return joined;
+            }
+        }
+    }
+    return convert_general(r, in_freestore);
 }
 
 char *convert_text(Op op, const char *text, unsigned render_mode,
@@ -618,6 +797,12 @@ char *convert_text(Op op, const char *text, unsigned render_mode,
 }
 
 }  // namespace
+
+bool qor::paths::set_general_path_only(bool on) {
+    const bool was = g_general_only;
+    g_general_only = on;
+    return was;
+}
 
 extern "C" {
 

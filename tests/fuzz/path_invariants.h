@@ -11,15 +11,23 @@
 //    normal: no "." or ".." component, no empty component;
 //  - a link name comes back as it went in;
 //  - without an embedded host path, the OS form equals the absolute qor
-//    form, and translating an absolute qor result again gives it unchanged.
+//    form, and translating an absolute qor result again gives it unchanged;
+//  - where the static library's switch to the general algorithm is at hand
+//    (the fuzz target, the internal path tests), every translation with a
+//    fast path gives the same result with it as without, and leaves the
+//    shared freestore in the same state: the same current chunk, use,
+//    oversized count and chain length, and its result in the same place.
 #pragma once
 
+#include <dirent.h>
 #include <qor/qor.h>
 #include <stdint.h>
 #include <string.h>
 
+#include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -111,6 +119,135 @@ inline std::optional<std::string> both_forms(
     return result;
 }
 
+// ---- Fast path against the general algorithm -----------------------------
+
+// What one translation did to the shared freestore, in terms that do not
+// depend on where the system allocator put a chunk: which chunk of the
+// chain is current, its use, the oversized count, the chain's length, and
+// where in the current chunk a shared result lies (0 for an owned one).
+struct Outcome {
+    std::optional<std::string> text;
+    size_t current_index;
+    uint32_t used;
+    uint32_t oversized;
+    size_t chunks;
+    intptr_t result_offset;
+    bool operator==(const Outcome &) const = default;
+};
+
+inline std::string describe(const Outcome &o) {
+    return "\"" + o.text.value_or("<null>") + "\" (chunk " +
+           std::to_string(o.current_index) + " of " +
+           std::to_string(o.chunks) + ", used " + std::to_string(o.used) +
+           ", oversized " + std::to_string(o.oversized) + ", result at " +
+           std::to_string(o.result_offset) + ")";
+}
+
+// Sets the shared freestore up afresh: one chunk, with `fill` bytes in use
+// beyond its first piece (a fill beyond the chunk's room moves on to a
+// second chunk, or to an oversized one).
+inline void fresh_freestore(uint32_t fill) {
+    QOR_FS_destroy(&QOR_SH_fs_allocator);
+    warm_freestore();
+    if (fill > 0) QOR_FS_malloc(&QOR_SH_fs_allocator, fill);
+}
+
+// Runs fn on a fresh freestore filled as given.
+inline Outcome outcome_of(const std::function<char *()> &fn,
+                          bool in_freestore, uint32_t fill) {
+    fresh_freestore(fill);
+    char *r = fn();
+    Outcome o{};
+    QOR_FS_chunk *current = QOR_SH_fs_allocator.current_chunk;
+    for (QOR_FS_chunk *c = QOR_SH_fs_allocator.first_chunk; c != nullptr;
+         c = c->next) {
+        if (c == current) o.current_index = o.chunks;
+        ++o.chunks;
+    }
+    o.used = current != nullptr ? current->used : 0;
+    o.oversized = QOR_SH_fs_allocator.oversized_count;
+    if (r != nullptr) {
+        o.text = std::string(r);
+        if (in_freestore) {
+            o.result_offset = r - reinterpret_cast<char *>(current);
+        } else {
+            QOR_free(r);
+        }
+    }
+    return o;
+}
+
+// The switch of the static library: sets "general algorithm only", returns
+// the previous setting.
+using GeneralSwitch = bool (*)(bool);
+
+// Runs fn with the fast path allowed and then with the general algorithm
+// only, each from the same fresh freestore, and reports any difference.
+inline void same_both_ways(const std::string &what,
+                           const std::function<char *()> &fn,
+                           bool in_freestore, uint32_t fill,
+                           GeneralSwitch general_only,
+                           std::vector<std::string> &problems) {
+    const Outcome fast = outcome_of(fn, in_freestore, fill);
+    const bool was = general_only(true);
+    const Outcome general = outcome_of(fn, in_freestore, fill);
+    general_only(was);
+    if (!(fast == general)) {
+        problems.push_back(what + ": fast path gave " + describe(fast) +
+                           ", the general algorithm " + describe(general));
+    }
+}
+
+// Every translation with a fast path, owned and shared, with two render
+// modes and the entry name given, compared both ways from a freestore
+// whose chunk has `fill` bytes more in use, so that the general
+// algorithm's scratch fits it or not. Leaves the shared freestore afresh.
+inline void fast_path_agrees_at(const std::string &text, const char *name,
+                                uint32_t fill, GeneralSwitch general_only,
+                                std::vector<std::string> &problems) {
+    const char *t = text.c_str();
+    const std::string quoted =
+        " \"" + text + "\" at fill " + std::to_string(fill);
+    auto both = [&](const std::string &what,
+                    const std::function<char *()> &owned,
+                    const std::function<char *()> &in_freestore) {
+        same_both_ways(what + quoted, owned, false, fill, general_only,
+                       problems);
+        same_both_ways("SH " + what + quoted, in_freestore, true, fill,
+                       general_only, problems);
+    };
+    both("qor_to_absolute_qor", [&] { return QOR_qor_to_absolute_qor(t); },
+         [&] { return QOR_SH_qor_to_absolute_qor(t); });
+    for (unsigned mode = 0; mode <= 4; mode += 4) {
+        both("qor_to_os", [&] { return QOR_qor_to_os(t, mode); },
+             [&] { return QOR_SH_qor_to_os(t, mode); });
+    }
+    both("qor_to_os_dir", [&] { return QOR_qor_to_os_dir(t); },
+         [&] { return QOR_SH_qor_to_os_dir(t); });
+    both("os_to_qor", [&] { return QOR_os_to_qor(t); },
+         [&] { return QOR_SH_os_to_qor(t); });
+    both(std::string("composite_path with ") + (name ? name : "null"),
+         [&] { return QOR_composite_path(t, name); },
+         [&] { return QOR_SH_composite_path(t, name); });
+    fresh_freestore(0);
+}
+
+// The same with chunks of `chunk_size` bytes in the shared freestore, so
+// that texts near the length limit can fit a chunk; the chunk size is put
+// back afterwards.
+inline void fast_path_agrees_in_chunks(const std::string &text,
+                                       const char *name, uint32_t fill,
+                                       uint32_t chunk_size,
+                                       GeneralSwitch general_only,
+                                       std::vector<std::string> &problems) {
+    const uint32_t before = QOR_SH_fs_allocator.chunk_size;
+    QOR_FS_destroy(&QOR_SH_fs_allocator);
+    QOR_FS_initialise(&QOR_SH_fs_allocator, chunk_size, 0);
+    fast_path_agrees_at(text, name, fill, general_only, problems);
+    QOR_FS_destroy(&QOR_SH_fs_allocator);
+    QOR_FS_initialise(&QOR_SH_fs_allocator, before, 0);
+}
+
 // Absolute, and no ".", ".." or empty component ("/" alone is the root).
 inline bool is_normal_absolute(const std::string &p) {
     if (p.empty() || p[0] != '/') return false;
@@ -155,8 +292,12 @@ inline void check_normal(const std::string &what,
 // Checks every translation on one input. The text is cut at its first NUL;
 // for the concatenation it is split at its first newline into base and
 // tail, and its length picks the render mode and the form (0, 1, and now
-// and then an invalid 2).
-inline std::vector<std::string> check_text(const std::string &input) {
+// and then an invalid 2). With the general switch, the fast path is also
+// compared with the general algorithm on the whole text and on the base
+// (the tail then the entry name of a composite path), from a freestore
+// filled to a level the text picks.
+inline std::vector<std::string> check_text(
+    const std::string &input, GeneralSwitch general_only = nullptr) {
     std::vector<std::string> problems;
     const std::string text = input.substr(0, input.find('\0'));
     const char *t = text.c_str();
@@ -251,12 +392,56 @@ inline std::vector<std::string> check_text(const std::string &input) {
         problems);
     check_normal("concat_os_paths", cat, problems);
     if (form > 1 && cat) problems.push_back("concat accepted an unknown form");
+
+    if (general_only != nullptr) {
+        uint32_t fill = 0;
+        for (const unsigned char c : text) fill = fill * 31 + c;
+        fill %= 2100;
+        fast_path_agrees_at(text, ".lock", fill, general_only, problems);
+        fast_path_agrees_at(base, tail.c_str(), fill, general_only, problems);
+        fast_path_agrees_at(base, nullptr, 2016 - fill % 600, general_only,
+                            problems);
+        if (text.size() > 900) {
+            // Long texts fit only a chunk larger than the shared
+            // freestore's usual one.
+            fast_path_agrees_in_chunks(text, ".lock", fill, 4 * QOR_PATH_MAX,
+                                       general_only, problems);
+            fast_path_agrees_in_chunks(base, tail.c_str(), 0,
+                                       4 * QOR_PATH_MAX, general_only,
+                                       problems);
+        }
+    }
     return problems;
 }
 
-inline std::vector<std::string> check_input(const uint8_t *data,
-                                            size_t size) {
-    return check_text(std::string(reinterpret_cast<const char *>(data), size));
+inline std::vector<std::string> check_input(
+    const uint8_t *data, size_t size, GeneralSwitch general_only = nullptr) {
+    return check_text(std::string(reinterpret_cast<const char *>(data), size),
+                      general_only);
+}
+
+// Replays the seeds in the corpus directory `dir` (files not starting with
+// "."): the problems of every seed, each after its file name. `seeds`
+// counts the seeds read; -1 when the directory cannot be read.
+inline std::vector<std::string> replay_corpus(
+    const std::string &dir, int *seeds, GeneralSwitch general_only = nullptr) {
+    std::vector<std::string> problems;
+    *seeds = -1;
+    DIR *d = opendir(dir.c_str());
+    if (d == nullptr) return problems;
+    *seeds = 0;
+    while (const dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream in(dir + "/" + e->d_name, std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        for (const auto &p : check_text(s.str(), general_only)) {
+            problems.push_back(std::string(e->d_name) + ": " + p);
+        }
+        ++*seeds;
+    }
+    closedir(d);
+    return problems;
 }
 
 // The anchors in force while fuzzing and replaying: set before the first
