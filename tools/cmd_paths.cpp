@@ -66,8 +66,8 @@ int run_tmpname(Invocation &in) {
     const char *suffix = in.count > 1 ? in.operands[1] : nullptr;
     char *name = QOR_temporary_object_name(prefix, in.has('d') ? 1 : 0, suffix);
     if (name == nullptr) {
-        fprintf(stderr, "qor tmpname: cannot propose a name: %s: no free "
-                        "temporary name\n", prefix != nullptr ? prefix : "");
+        fprintf(stderr, "qor tmpname: cannot propose a name: temporary "
+                        "directory: no free temporary name\n");
         return kExitFailed;
     }
     printf("%s\n", name);
