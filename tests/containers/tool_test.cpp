@@ -65,8 +65,8 @@ TEST(QorTour, ContainersStepShowsScansAtomsAndSequences) {
                          "not return)\n  thu = 4\n  wed = 3\n  fri = 5\n"),
               std::string::npos)
         << r.out;
-    EXPECT_NE(r.err.find("0\ttue\t87824\n1\tthu\t87489\n2\twed\t89578\n"
+    EXPECT_NE(r.out.find("0\ttue\t87824\n1\tthu\t87489\n2\twed\t89578\n"
                          "5\tfri\t77541\n"),
               std::string::npos)
-        << r.err;
+        << r.out;
 }

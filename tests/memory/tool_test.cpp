@@ -64,7 +64,11 @@ TEST(QorTourMemory, DumpsAppearInTheTourOutputInOrder) {
                          "*** Finished Dump of Static Allocator ***\n"),
               std::string::npos)
         << r.out;
-    EXPECT_EQ(r.out.find("*** Dump"), std::string::npos);
+    // Each dump follows the narration that announces it.
+    const size_t told = r.out.find("  the dump, verbose (QOR_FS_dump):\n");
+    EXPECT_EQ(r.out.find("*** Dump of Freestore Allocator ***"), told + 36)
+        << r.out;
+    EXPECT_EQ(r.err, "");
 }
 
 }  // namespace
