@@ -66,7 +66,7 @@ TEST(QorTourMemory, DumpsAppearInTheTourOutputInOrder) {
         << r.out;
     // Each dump follows the narration that announces it.
     const size_t told = r.out.find("  the dump, verbose (QOR_FS_dump):\n");
-    EXPECT_EQ(r.out.find("*** Dump of Freestore Allocator ***"), told + 36)
+    EXPECT_EQ(r.out.find("*** Dump of Freestore Allocator ***"), told + 35)
         << r.out;
     EXPECT_EQ(r.err, "");
 }
