@@ -190,6 +190,7 @@ int copy_one(const Invocation &in, const char *source, const char *target) {
 }
 
 int cmd_cp(Invocation &in) {
+    if (const int r = check_type_option(in)) return r;
     Destination d;
     if (const int r = destination_of(in, &d)) return r;
     int result = kExitOk;
@@ -223,6 +224,7 @@ int move_one(const Invocation &in, const char *source, const char *target) {
 }
 
 int cmd_mv(Invocation &in) {
+    if (const int r = check_type_option(in)) return r;
     Destination d;
     if (const int r = destination_of(in, &d)) return r;
     int result = kExitOk;
@@ -236,6 +238,7 @@ int cmd_mv(Invocation &in) {
 }
 
 int cmd_rm(Invocation &in) {
+    if (const int r = check_type_option(in)) return r;
     int result = kExitOk;
     for (int i = 0; i < in.count; ++i) {
         const char *path = in.operands[i];
@@ -465,7 +468,7 @@ int tour_idle_blocks() {
     fflush(stdout);
     s = QOR_read_idle_block(body, 4100, tail, 32);
     printf("  reading 32 bytes at 4100, past the end -> %d (messages 403 and "
-           "401 on standard error)\n", s);
+           "401 above)\n", s);
     QOR_close_contents(body);
     return 0;
 }

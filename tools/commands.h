@@ -89,6 +89,10 @@ inline constexpr Option kTypeOption{
     kTypeLetter, "type", "TYPE",
     "the object's type, 0 to 4 or its name (default: detected)", true};
 
+// 0 when --type is absent or valid, else 2 after a usage error: checked
+// before a command does anything.
+int check_type_option(const Invocation &in);
+
 // An object type, 0 to 4 or a type name; false after a usage error.
 bool type_operand(const Invocation &in, const char *text, unsigned *type);
 extern const char *const kTypeNames[5];

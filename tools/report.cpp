@@ -103,6 +103,12 @@ bool type_operand(const Invocation &in, const char *text, unsigned *type) {
     return false;
 }
 
+int check_type_option(const Invocation &in) {
+    unsigned type = 0;
+    if (!in.has(kTypeLetter)) return 0;
+    return type_operand(in, in.value(kTypeLetter), &type) ? 0 : kExitUsage;
+}
+
 int object_type(const Invocation &in, char letter, const char *path,
                 unsigned *type) {
     if (letter != 0 && in.has(letter)) {
