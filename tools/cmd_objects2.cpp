@@ -189,19 +189,24 @@ int copy_one(const Invocation &in, const char *source, const char *target) {
     return kExitOk;
 }
 
-int cmd_cp(Invocation &in) {
+// cp and mv alike: every SOURCE to its target, each failure reported and
+// the others still done.
+int each_source(Invocation &in,
+                int (*one)(const Invocation &, const char *, const char *)) {
     if (const int r = check_type_option(in)) return r;
     Destination d;
     if (const int r = destination_of(in, &d)) return r;
     int result = kExitOk;
     for (int i = 0; i < d.sources; ++i) {
         const std::string target = target_for(d, in.operands[i]);
-        if (copy_one(in, in.operands[i], target.c_str()) != kExitOk) {
+        if (one(in, in.operands[i], target.c_str()) != kExitOk) {
             result = kExitFailed;
         }
     }
     return result;
 }
+
+int cmd_cp(Invocation &in) { return each_source(in, copy_one); }
 
 int move_one(const Invocation &in, const char *source, const char *target) {
     unsigned type = 0;
@@ -223,19 +228,7 @@ int move_one(const Invocation &in, const char *source, const char *target) {
     return kExitOk;
 }
 
-int cmd_mv(Invocation &in) {
-    if (const int r = check_type_option(in)) return r;
-    Destination d;
-    if (const int r = destination_of(in, &d)) return r;
-    int result = kExitOk;
-    for (int i = 0; i < d.sources; ++i) {
-        const std::string target = target_for(d, in.operands[i]);
-        if (move_one(in, in.operands[i], target.c_str()) != kExitOk) {
-            result = kExitFailed;
-        }
-    }
-    return result;
-}
+int cmd_mv(Invocation &in) { return each_source(in, move_one); }
 
 int cmd_rm(Invocation &in) {
     if (const int r = check_type_option(in)) return r;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <stdarg.h>
+#include <stdio.h>
 
 namespace qor_tool {
 
@@ -58,6 +59,8 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
+// "usage: qor CMD ..." and "   or: qor CMD ..." for each usage form.
+void print_usage(FILE *out, const Command &c);
 // "qor CMD: <problem>" and the usage lines on standard error; returns 2.
 int usage_error(const Invocation &in, const char *format, ...)
     __attribute__((format(printf, 2, 3)));

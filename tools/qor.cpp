@@ -67,22 +67,6 @@ std::vector<const Option *> options_of(const Command &c) {
     return all;
 }
 
-// Each usage form of the synopsis on its own line.
-void print_usage(FILE *out, const Command &c) {
-    const char *form = c.synopsis;
-    const char *lead = "usage:";
-    while (true) {
-        const char *end = strchr(form, '\n');
-        const int n = end ? static_cast<int>(end - form)
-                          : static_cast<int>(strlen(form));
-        fprintf(out, "%s qor %s%s%.*s\n", lead, c.name, n > 0 ? " " : "", n,
-                form);
-        if (end == nullptr) break;
-        form = end + 1;
-        lead = "   or:";
-    }
-}
-
 std::string option_label(const Option &o) {
     std::string label;
     if (!o.long_only) {

@@ -16,24 +16,20 @@ const char *const kTypeNames[5] = {"plain_file", "plain_directory",
                                    "lockable_directory", "cdir",
                                    "idle_object"};
 
-namespace {
-
-void print_usage_lines(const Command &c) {
+void print_usage(FILE *out, const Command &c) {
     const char *form = c.synopsis;
     const char *lead = "usage:";
     while (true) {
         const char *end = strchr(form, '\n');
         const int n = end ? static_cast<int>(end - form)
                           : static_cast<int>(strlen(form));
-        fprintf(stderr, "%s qor %s%s%.*s\n", lead, c.name, n > 0 ? " " : "",
-                n, form);
+        fprintf(out, "%s qor %s%s%.*s\n", lead, c.name, n > 0 ? " " : "", n,
+                form);
         if (end == nullptr) break;
         form = end + 1;
         lead = "   or:";
     }
 }
-
-}  // namespace
 
 int usage_error(const Invocation &in, const char *format, ...) {
     fprintf(stderr, "qor %s: ", in.command->name);
@@ -42,7 +38,7 @@ int usage_error(const Invocation &in, const char *format, ...) {
     vfprintf(stderr, format, args);
     va_end(args);
     fputc('\n', stderr);
-    print_usage_lines(*in.command);
+    print_usage(stderr, *in.command);
     fprintf(stderr, "Try 'qor %s --help' for more information.\n",
             in.command->name);
     return kExitUsage;
