@@ -594,42 +594,42 @@ TEST(CatalogueInstall, NlspathIsHonoured) {
     EXPECT_EQ(r.err, "qor: error 2052: nothing at \"/p\" (nlspath)\n");
 }
 
-TEST(CatalogueInstall, QorCatalogNamesTheFileAndComesFirst) {
+// In a child: QOR_CATALOG set to `chosen`, NLSPATH to <dir>/%N.cat, then
+// QOR_catalog_install(NULL); prints message 116's text, or the status.
+ChildResult install_from_environment(const std::string &chosen,
+                                     const TempDir &dir) {
+    return run_in_child([&] {
+        setenv("QOR_CATALOG", chosen.c_str(), 1);
+        setenv("NLSPATH", (dir.path() + "/%N.cat").c_str(), 1);
+        const int status = QOR_catalog_install(nullptr);
+        if (status != 0) {
+            printf("%d\n", status);
+        } else {
+            printf("%s\n", text(116).c_str());
+        }
+    });
+}
+
+// QOR_CATALOG, when set and not empty, names the one file used, before
+// NLSPATH; a file that cannot be opened is a failure, not a fallback.
+TEST(CatalogueInstall, QorCatalogChoosesTheFile) {
     TempDir dir;
     make_catalogue(dir, "mine.cat", "$set 1\n116 open (chosen)\n");
     make_catalogue(dir, "qor.cat", "$set 1\n116 open (nlspath)\n");
-    auto r = run_in_child([&] {
-        setenv("QOR_CATALOG", (dir.path() + "/mine.cat").c_str(), 1);
-        setenv("NLSPATH", (dir.path() + "/%N.cat").c_str(), 1);
-        if (QOR_catalog_install(nullptr) != 0) _exit(10);
-        printf("%s\n", text(116).c_str());
-    });
-    EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(r.out, "open (chosen)\n");
-}
-
-TEST(CatalogueInstall, QorCatalogThatCannotBeOpenedIsAFailure) {
-    TempDir dir;
-    make_catalogue(dir, "qor.cat", "$set 1\n116 open (nlspath)\n");
-    auto r = run_in_child([&] {
-        setenv("QOR_CATALOG", (dir.path() + "/missing.cat").c_str(), 1);
-        setenv("NLSPATH", (dir.path() + "/%N.cat").c_str(), 1);
-        _exit(QOR_catalog_install(nullptr) == QOR_MSG_UNAVAILABLE ? 0 : 1);
-    });
-    EXPECT_EQ(r.exit_status, 0);
-}
-
-TEST(CatalogueInstall, EmptyQorCatalogIsIgnored) {
-    TempDir dir;
-    make_catalogue(dir, "qor.cat", "$set 1\n116 open (nlspath)\n");
-    auto r = run_in_child([&] {
-        setenv("QOR_CATALOG", "", 1);
-        setenv("NLSPATH", (dir.path() + "/%N.cat").c_str(), 1);
-        if (QOR_catalog_install(nullptr) != 0) _exit(10);
-        printf("%s\n", text(116).c_str());
-    });
-    EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(r.out, "open (nlspath)\n");
+    const struct {
+        std::string chosen;
+        std::string out;
+    } rows[] = {
+        {dir / "mine.cat", "open (chosen)\n"},
+        {dir / "missing.cat", "10009\n"},
+        {"", "open (nlspath)\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE("QOR_CATALOG=" + row.chosen);
+        const ChildResult r = install_from_environment(row.chosen, dir);
+        EXPECT_EQ(r.exit_status, 0);
+        EXPECT_EQ(r.out, row.out);
+    }
 }
 
 // A copy of libqor_msg placed in <root>/lib, loaded from there, with or
