@@ -51,6 +51,10 @@ check_prefix() { # prefix (as installed) name
         fi
     done
 
+    # The command finds its libraries relative to itself (no LD_LIBRARY_PATH).
+    env -u LD_LIBRARY_PATH "$prefix/bin/qor" status 2052 >/dev/null \
+        || fail "$name: the installed qor does not run"
+
     # pkg-config: eval, because pkg-config escapes the spaces of a prefix
     # with backslashes, which only the shell's own parsing takes out.
     cd "$tmp/work"
