@@ -55,6 +55,10 @@ inline constexpr Guard kNoGuard = {0, false};
 QOR_file_handle *create_text_file(const char *os_path, Guard guard);
 QOR_file_handle *open_text_for_reading(const char *os_path, Guard guard);
 
+// A new handle from basic space over a descriptor (-1 for a deferred lock
+// handle): lock state 0, idle flag 1, no stream. It takes the OS path over.
+QOR_file_handle *new_handle(char *os_path, uint32_t mode, int fd);
+
 // Frees a handle made by this layer (basic space) or an open-contents
 // record of the object store (its pool), whichever it is.
 void release_handle(QOR_file_handle *handle);

@@ -62,6 +62,7 @@ using qor::files::checked_write;
 using qor::files::Guard;
 using qor::files::kFilesUnit;
 using qor::files::kNoGuard;
+using qor::files::new_handle;
 
 // The longest link text read back.
 constexpr size_t kLinkBuffer = 1000;
@@ -82,19 +83,6 @@ char *os_path_of(const char *path, int line) {
     char *os = QOR_qor_to_os(path, 0);
     if (os == nullptr) QOR_fatal("Invalid path", kFilesUnit, line);
     return os;
-}
-
-// A new handle over an open descriptor; it takes the path over.
-QOR_file_handle *new_handle(char *os, uint32_t mode, int fd) {
-    auto *h = static_cast<QOR_file_handle *>(
-        QOR_malloc(static_cast<int32_t>(sizeof(QOR_file_handle))));
-    h->path = os;
-    h->flags = mode;
-    h->lock_mode = 0;
-    h->idle = 1;
-    h->fd = fd;
-    h->stream = nullptr;
-    return h;
 }
 
 // Opens the OS path (taken over: freed when null is answered) with the
@@ -197,6 +185,18 @@ QOR_file_handle *create_text_file(const char *os_path, Guard guard) {
 
 QOR_file_handle *open_text_for_reading(const char *os_path, Guard guard) {
     return open_multiuser(QOR_cat_strings(os_path, nullptr), 1, 0, 0, guard);
+}
+
+QOR_file_handle *new_handle(char *os_path, uint32_t mode, int fd) {
+    auto *h = static_cast<QOR_file_handle *>(
+        QOR_malloc(static_cast<int32_t>(sizeof(QOR_file_handle))));
+    h->path = os_path;
+    h->flags = mode;
+    h->lock_mode = 0;
+    h->idle = 1;
+    h->fd = fd;
+    h->stream = nullptr;
+    return h;
 }
 
 void release_handle(QOR_file_handle *handle) {

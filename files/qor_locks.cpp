@@ -107,15 +107,7 @@ QOR_file_handle *QOR_open_lock(const char *path, unsigned int create) {
         return QOR_open_binary_file(path, 1);
     }
     // Deferred: the file is opened at the first lock step that finds it.
-    auto *h = static_cast<QOR_file_handle *>(
-        QOR_malloc(static_cast<int32_t>(sizeof(QOR_file_handle))));
-    h->path = os;
-    h->flags = QOR_FILE_READ_ONLY;
-    h->lock_mode = 0;
-    h->idle = 1;
-    h->fd = -1;
-    h->stream = nullptr;
-    return h;
+    return qor::files::new_handle(os, QOR_FILE_READ_ONLY, -1);
 }
 
 int QOR_test_lock(QOR_file_handle *handle) {
