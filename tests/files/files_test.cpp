@@ -623,6 +623,17 @@ TEST_F(Files, CreateDirAcceptsAnExistingEntryQuietly) {
     EXPECT_EQ(read_file(path("f")), "file");
 }
 
+TEST_F(Files, CreateDirOnAFullDiscAsksTheHandler) {
+    DiscFullHandler handler({0});
+    qor_fault_fail(QF_mkdir, ENOSPC, 0, 1);
+    QOR_create_dir(path("d").c_str());
+    ASSERT_EQ(handler.calls.size(), 1u);
+    EXPECT_EQ(handler.calls[0].context, QOR_CTX_CREATE_DIRECTORY);
+    EXPECT_EQ(handler.calls[0].path, path("d"));
+    EXPECT_EQ(qor_fault_calls(QF_mkdir), 2);
+    EXPECT_TRUE(QOR_is_directory(path("d").c_str()));
+}
+
 TEST_F(Files, CreateDirFailingOtherwiseIsAnAccessFailure) {
     EXPECT_ACCESS_FAILURE(
         run_in_child([&] { QOR_create_dir(path("no/such").c_str()); }),
