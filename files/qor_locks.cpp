@@ -100,13 +100,11 @@ QOR_file_handle *QOR_open_lock(const char *path, unsigned int create) {
         }
         return h;
     }
+    // An untranslatable path fails the accessibility question first.
+    if (readable(path)) return QOR_open_binary_file(path, 1);
+    // Deferred: the file is opened at the first lock step that finds it.
     char *os = QOR_qor_to_os(path, 0);
     if (os == nullptr) QOR_fatal("Invalid path", kFilesUnit, __LINE__);
-    if (readable(path)) {
-        QOR_free(os);
-        return QOR_open_binary_file(path, 1);
-    }
-    // Deferred: the file is opened at the first lock step that finds it.
     return qor::files::new_handle(os, QOR_FILE_READ_ONLY, -1);
 }
 

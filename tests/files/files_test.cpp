@@ -117,11 +117,13 @@ TEST_F(Files, AnUntranslatablePathIsFatalAndMakesNothing) {
         [&] { QOR_open_multiuser_text_file(bad, 0, 1, 1); },
         [&] { QOR_create_dir(bad); },
         [&] { QOR_open_lock(bad, 1); },
-        [&] { QOR_open_lock(bad, 0); },
     };
     for (const auto &call : calls) {
         EXPECT_FATAL(run_in_child(call), "qor_files", "Invalid path");
     }
+    // Without create, the accessibility question comes first.
+    EXPECT_FATAL(run_in_child([&] { QOR_open_lock(bad, 0); }), "qor_files",
+                 "QOR_is_accessible failed");
     const auto r = run_in_child([&] {
         printf("%d", catch_fatal([&] { QOR_create_text_file(bad); }));
     });
