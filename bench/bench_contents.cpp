@@ -25,26 +25,11 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_scratch.h"
+
 namespace {
 
-// A scratch directory for the whole run, removed at exit. Kept in plain
-// storage: the exit handler runs after static strings are gone.
-char scratch_dir[64];
-
-void remove_scratch() {
-    const std::string cmd = std::string("rm -rf ") + scratch_dir;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "cleanup failed\n");
-}
-
-std::string scratch() {
-    if (scratch_dir[0] == '\0') {
-        snprintf(scratch_dir, sizeof scratch_dir, "/tmp/qor-bench-XXXXXX");
-        if (mkdtemp(scratch_dir) == nullptr) abort();
-        atexit(remove_scratch);
-    }
-    return scratch_dir;
-}
-std::string os_path(const std::string &name) { return scratch() + "/" + name; }
+using qor_bench::os_path;
 std::string qor_path(const std::string &name) { return "@" + os_path(name); }
 
 void check(bool ok, const char *what) {

@@ -13,5 +13,10 @@ namespace qor::objects {
 // another process holds a conflicting lock.
 int lock_record(QOR_contents_record *rec, unsigned int request);
 
+// Frees the record's path and gives the record back where it came from:
+// the pool of open-contents records, or basic space for a handle of the
+// file layer (same layout, allocated with QOR_malloc).
+void release_record(QOR_contents_record *rec);
+
 
 }  // namespace qor::objects

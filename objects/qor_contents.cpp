@@ -95,12 +95,40 @@ struct flock whole_file(short type) {
     return fl;
 }
 
-// Frees the path and gives the record back to the pool.
+// Records in one block of the pool: the settings rounded as the allocator
+// rounds them when it adds its first block.
+uint64_t block_records(uint32_t entries) {
+    return entries == 0 ? 64 : (uint64_t{entries} + 63) / 64 * 64;
+}
+
+// Whether the record lies in one of the pool's blocks. The file layer's
+// handles share the record's layout but come from basic space; closing
+// either kind must give it back where it came from.
+bool pooled(const QOR_contents_record *rec) {
+    const auto *p = reinterpret_cast<const char *>(rec);
+    for (uint32_t b = 0; b < contents_pool.blocks_in_use; ++b) {
+        const auto *base = static_cast<const char *>(contents_pool.blocks[b]);
+        const uint64_t records = block_records(
+            b == 0 ? contents_pool.initial_entries
+                   : contents_pool.extension_entries);
+        if (p >= base && p < base + records * sizeof(QOR_contents_record)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Frees the path and gives the record back to the pool, or to basic space
+// for a handle of the file layer.
 void release(QOR_contents_record *rec) {
     if (rec->path != nullptr) QOR_free(rec->path);
     rec->path = nullptr;
     rec->stream = nullptr;
-    QOR_SA_release(&contents_pool, rec);
+    if (pooled(rec)) {
+        QOR_SA_release(&contents_pool, rec);
+    } else {
+        QOR_free(rec);
+    }
 }
 
 // The last OS path known to read back as a qor path. For an absolute OS
@@ -333,6 +361,8 @@ int lock_record(QOR_contents_record *rec, unsigned int request) {
     rec->lock_mode = mode_of_request(request);
     return 0;
 }
+
+void release_record(QOR_contents_record *rec) { release(rec); }
 
 }  // namespace qor::objects
 

@@ -18,7 +18,8 @@ extern "C" {
     X(symlink) X(link) X(opendir) X(readdir) X(closedir) X(getcwd)       \
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
-    X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)
+    X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
+    X(fdatasync)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
@@ -43,6 +44,22 @@ void qor_fault_reset(void);
 long qor_fault_calls(qor_fault_fn fn);
 /* Calls of fn that were made to fail or shortened since the last reset. */
 long qor_fault_injected(qor_fault_fn fn);
+
+/* Mutating host calls: open with O_CREAT, O_TRUNC, O_WRONLY or O_RDWR;
+ * write, pwrite, ftruncate, fsync, fdatasync, unlink, remove, rename,
+ * mkdir, rmdir; fputs; fflush and fclose of a stream with output pending.
+ * Each one is counted and shown to the hook (when set) before it is made:
+ * path is the name for the path calls, null otherwise; fd the descriptor
+ * (or the stream's) for the descriptor calls, -1 otherwise; flags the open
+ * flags. */
+typedef void (*qor_fault_mutation_hook)(qor_fault_fn fn, const char *path,
+                                        int fd, int flags);
+void qor_fault_on_mutation(qor_fault_mutation_hook hook);
+/* The process ends with _exit(status) right after its n-th mutating call
+ * (counted from now), before the next one is made; n 0 disarms. */
+void qor_fault_exit_after_mutations(long n, int status);
+/* Mutating calls seen since the last reset or arming. */
+long qor_fault_mutations(void);
 
 #ifdef __cplusplus
 }
