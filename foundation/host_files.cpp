@@ -23,8 +23,13 @@ constexpr int kCreateRounds = 3;
 constexpr int kStatusFlags = O_APPEND | O_ASYNC | O_DIRECT | O_NOATIME;
 
 bool right_kind(const struct stat &st, MemberKind kind) {
-    return kind == MemberKind::directory ? S_ISDIR(st.st_mode)
-                                         : S_ISREG(st.st_mode);
+    switch (kind) {
+        case MemberKind::file: return S_ISREG(st.st_mode);
+        case MemberKind::directory: return S_ISDIR(st.st_mode);
+        case MemberKind::file_or_directory:
+            return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode);
+    }
+    return false;
 }
 
 // Closes fd keeping errno as it was: the failure being reported is the

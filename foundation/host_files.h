@@ -23,7 +23,9 @@
 
 namespace qor::host {
 
-enum class MemberKind { file, directory };
+// What may be found at the name: a regular file, a directory, or either
+// (a path the caller named, which the library opens as it finds it).
+enum class MemberKind { file, directory, file_or_directory };
 
 struct MemberOpen {
     MemberKind kind = MemberKind::file;

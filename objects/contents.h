@@ -13,5 +13,11 @@ namespace qor::objects {
 // another process holds a conflicting lock.
 int lock_record(QOR_contents_record *rec, unsigned int request);
 
+// QOR_open_file (not as a directory) for a member file of an object, named
+// by its qor path: a symbolic link at the name is refused (ELOOP) instead of
+// followed, like every other open of a member.
+int open_member_file(const char *path, int idle, uint32_t flags,
+                     unsigned int request, QOR_contents_record **result);
+
 
 }  // namespace qor::objects
