@@ -204,3 +204,24 @@ TEST_F(Temporary, InterruptedRandomSourceOrCreateIsMadeAgain) {
 
 }  // namespace
 }  // namespace paths_test
+
+namespace paths_test {
+namespace {
+
+// The proposed names are predictable from the process id, and a dangling
+// link at one counts as free: whoever creates that name without O_EXCL
+// creates the link's target instead. (Kept on purpose; see
+// QOR_create_temporary_object.)
+TEST_F(Temporary, ProposedNameIsPredictableAndADanglingLinkCountsAsFree) {
+    char digits[16];
+    snprintf(digits, sizeof digits, "%05d", static_cast<int>(getpid() % 100000));
+    const std::string first = dir_ / (std::string("pa") + digits + ".x");
+    ASSERT_EQ(symlink((dir_ / "target").c_str(), first.c_str()), 0);
+    char *name = QOR_temporary_object_name("p", 0, "x");
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(std::string(name), first);
+    QOR_free(name);
+}
+
+}  // namespace
+}  // namespace paths_test
