@@ -88,6 +88,12 @@ class Attacker : public Store,
     std::string victim_;
 };
 
+// An open's status, the record closed again when it was opened.
+int closed(int status, QOR_contents_record *rec) {
+    if (status == 0) QOR_close_contents(rec);
+    return status;
+}
+
 std::vector<Operation> operations() {
     auto q = [](const std::string &store, const std::string &name) {
         return "@" + store + "/" + name;
@@ -98,32 +104,28 @@ std::vector<Operation> operations() {
              QOR_contents_record *rec = nullptr;
              const int st = QOR_open_contents(q(s, o).c_str(), 4, 0x12, 0,
                                               &rec);
-             if (st == 0) QOR_close_contents(rec);
-             return st;
+             return closed(st, rec);
          }},
         {"write_locked_truncating", {".body"},
          [q](const std::string &s, const std::string &o) {
              QOR_contents_record *rec = nullptr;
              const int st = QOR_open_contents(q(s, o).c_str(), 4, 0x14, 3,
                                               &rec);
-             if (st == 0) QOR_close_contents(rec);
-             return st;
+             return closed(st, rec);
          }},
         {"read", {".body"},
          [q](const std::string &s, const std::string &o) {
              QOR_contents_record *rec = nullptr;
              const int st = QOR_open_contents(q(s, o).c_str(), 4, 0x01, 1,
                                               &rec);
-             if (st == 0) QOR_close_contents(rec);
-             return st;
+             return closed(st, rec);
          }},
         {"idle_index_open", {".index"},
          [q](const std::string &s, const std::string &o) {
              QOR_contents_record *rec = nullptr;
              const int st = QOR_open_idle_index(q(s, o).c_str(), 0x04, 3,
                                                 &rec);
-             if (st == 0) QOR_close_contents(rec);
-             return st;
+             return closed(st, rec);
          }},
         {"copy_as_source", {".body", ".index"},
          [q](const std::string &s, const std::string &o) {
