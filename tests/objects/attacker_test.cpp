@@ -1,5 +1,5 @@
 // An attacker who may write into a shared store plants a symbolic link to a
-// victim file, a FIFO or a device at a member's name, or a dangling link at
+// victim file, a FIFO, a device or a socket at a member's name, or a dangling link at
 // a name an operation creates. Whatever operation then runs on the object,
 // the victim keeps its bytes and its mode, the planted target is never
 // created, nothing hangs (an alarm bounds every test), and an operation
@@ -22,13 +22,14 @@
 namespace objects_test {
 namespace {
 
-enum class Plant { link, fifo, device };
+enum class Plant { link, fifo, device, socket };
 
 const char *name_of(Plant p) {
     switch (p) {
         case Plant::link: return "link";
         case Plant::fifo: return "fifo";
         case Plant::device: return "device";
+        case Plant::socket: return "socket";
     }
     return "?";
 }
@@ -70,6 +71,9 @@ class Attacker : public Store,
                 break;
             case Plant::device:
                 ASSERT_EQ(mknod(at.c_str(), S_IFCHR | 0666, makedev(1, 5)), 0);
+                break;
+            case Plant::socket:
+                ASSERT_EQ(mknod(at.c_str(), S_IFSOCK | 0666, 0), 0);
                 break;
         }
         // The same bits as the victim, whatever the umask: granting and
@@ -224,7 +228,7 @@ TEST_P(Attacker, PlantedMemberOfACdirIsNeverUsedByCreatingOpen) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Attacker,
                          testing::Values(Plant::link, Plant::fifo,
-                                         Plant::device),
+                                         Plant::device, Plant::socket),
                          [](const auto &info) {
                              return std::string(name_of(info.param));
                          });
@@ -300,6 +304,58 @@ TEST_F(Dangling, PlainFileObjectThatIsAFifoIsRefusedWithoutHanging) {
               QOR_E_INVALID);
     EXPECT_EQ(QOR_open_contents(qor("f").c_str(), 0, 0x02, 0, &rec),
               QOR_E_INVALID);
+    alarm(0);
+}
+
+
+// The case that matters: another user, who may write into a shared store,
+// plants links in an object there, and root runs the operations. Root's
+// own file, mode 0600, keeps its bytes, mode and owner; so does the object
+// directory's owner when root sets the object's ownership (that names the
+// object's own path, which is followed as the caller named it, and no
+// member).
+TEST_F(Dangling, LinksPlantedByAnotherUserNeverReachRootsFile) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to switch users";
+    alarm(30);
+    const std::string victim = os("roots");
+    qor_test::write_file(victim, "root's bytes");
+    ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    make_object(os("o"), 4, 0666, 0777);
+    ASSERT_EQ(::chmod(tmp_.path().c_str(), 0777), 0);
+    const auto planted = qor_test::run_as_unprivileged([&] {
+        for (const char *m : {"/.lock", "/.body", "/.index"}) {
+            const std::string at = os("o") + m;
+            if (::unlink(at.c_str()) != 0 ||
+                symlink(victim.c_str(), at.c_str()) != 0) {
+                _exit(1);
+            }
+        }
+    });
+    ASSERT_TRUE(planted.exited && planted.exit_status == 0) << planted.err;
+    MessageLog log;
+    QOR_contents_record *rec = nullptr;
+    EXPECT_EQ(QOR_open_contents(qor("o").c_str(), 4, 0x14, 3, &rec),
+              QOR_E_OTHER);
+    EXPECT_EQ(QOR_open_idle_index(qor("o").c_str(), 0x04, 3, &rec),
+              QOR_E_OTHER);
+    EXPECT_EQ(QOR_set_accessibility(qor("o").c_str(), 4, 2, 2, 1),
+              QOR_E_OTHER);
+    EXPECT_EQ(QOR_lock_object(qor("o").c_str(), 4, 3), QOR_E_OTHER);
+    make_object(os("src"), 4);
+    EXPECT_NE(QOR_copy_object(qor("src").c_str(), 4, qor("o").c_str()), 0);
+    const QOR_ownership nobody = {
+        static_cast<int16_t>(qor_test::unprivileged_uid()),
+        static_cast<int16_t>(qor_test::unprivileged_gid())};
+    EXPECT_EQ(QOR_set_ownership(qor("o").c_str(), 1, nobody), 0);
+    EXPECT_EQ(qor_test::read_file(victim), "root's bytes");
+    EXPECT_EQ(mode_of(victim), 0600u);
+    struct stat st;
+    ASSERT_EQ(::stat(victim.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(st.st_gid, 0u);
+    // Deleting removes the planted links, never their target.
+    EXPECT_EQ(QOR_delete_object(qor("o").c_str(), 4), 0);
+    EXPECT_TRUE(qor_test::exists(victim));
     alarm(0);
 }
 
