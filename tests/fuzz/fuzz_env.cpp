@@ -85,10 +85,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const bool make = (flags & 0x04) != 0;
     if (make) {
         // Only below the scratch directory, never "..": made objects stay
-        // where the target can clear them.
+        // where the target can clear them. No "@" or "$" either: a
+        // component starting with "@" is a host path of its own in the
+        // grammar, so a QOR_TMP holding one names another directory (see
+        // docs/hardening.md), and "$(" would read a variable.
         std::string tail;
         for (char c : tmp) {
-            if (c == '/' || c == '.') continue;
+            if (c == '/' || c == '.' || c == '@' || c == '$') continue;
             tail += c;
         }
         tmp = g_scratch + (tail.empty() ? "" : "/" + tail.substr(0, 40));

@@ -223,5 +223,29 @@ TEST_F(Temporary, ProposedNameIsPredictableAndADanglingLinkCountsAsFree) {
     QOR_free(name);
 }
 
+
+// Kept on purpose by the path grammar: a component starting with "@" is a
+// host path of its own, so a QOR_TMP whose path holds a directory "@t"
+// names the directory "t" beside it. Temporary objects are then made
+// there, in a directory the owner of QOR_TMP's value may not control.
+TEST_F(Temporary, TemporaryDirectoryWithAComponentStartingWithAtNamesAnother) {
+    const std::string at = dir_.path() + "/@t";
+    const std::string plain = dir_.path() + "/t";
+    ASSERT_EQ(mkdir(at.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(plain.c_str(), 0700), 0);
+    setenv("QOR_TMP", at.c_str(), 1);
+    char *path = nullptr;
+    int fd = -1;
+    ASSERT_EQ(QOR_create_temporary_object(nullptr, 0, nullptr, &path, &fd), 0);
+    close(fd);
+    QOR_free(path);
+    EXPECT_TRUE(entries_in(at).empty());
+    const std::set<std::string> made = entries_in(plain);
+    ASSERT_EQ(made.size(), 1u);
+    EXPECT_EQ(unlink((plain + "/" + *made.begin()).c_str()), 0);
+    rmdir(at.c_str());
+    rmdir(plain.c_str());
+}
+
 }  // namespace
 }  // namespace paths_test
