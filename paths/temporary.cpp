@@ -94,12 +94,30 @@ int create(const char *prefix, bool is_directory, const char *suffix,
     if (slot[kRandomChars] != '.' || slot[0] != 'X') {
         return QOR_E_UNTRANSLATABLE;
     }
+    // The leaf must stay one new entry of the temporary directory: a "/"
+    // in the prefix or suffix, or a leaf the path grammar reads otherwise
+    // (a leading "@" is a host path of its own), would
+    // make the object somewhere else, even outside the directory.
+    const char *dir_os = QOR_SH_qor_to_os_dir(dir);
+    if (dir_os == nullptr) return QOR_E_UNTRANSLATABLE;
+    const size_t dir_length = strlen(dir_os);
+    const bool dir_slash = dir_length > 0 && dir_os[dir_length - 1] == '/';
+    const char *leaf = slot - (prefix != nullptr ? strlen(prefix) : 0);
+    if ((prefix != nullptr && strchr(prefix, '/') != nullptr) ||
+        (suffix != nullptr && strchr(suffix, '/') != nullptr)) {
+        return QOR_E_INVALID;
+    }
     for (int tries = 0; tries < kDraws; ++tries) {
         if (!draw(random)) return qor::host::record_errno(dir, context);
         memcpy(slot, random, kRandomChars);
         const char *os = is_directory ? QOR_SH_qor_to_os_dir(candidate)
                                       : QOR_SH_qor_to_os(candidate, 0);
         if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+        if (strncmp(os, dir_os, dir_length) != 0 ||
+            (!dir_slash && os[dir_length] != '/') ||
+            strcmp(os + dir_length + (dir_slash ? 0 : 1), leaf) != 0) {
+            return QOR_E_INVALID;
+        }
         const int made = make(os, is_directory);
         if (made >= 0) {
             *path = QOR_copy_string(candidate);

@@ -159,7 +159,10 @@ QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
  * with the host error recorded (context 2101 for a file, 2102 for a
  * directory; a full disc asks the disc-full handler first), and sets *path
  * to null and *fd to -1. 2051 without a message when the temporary
- * directory does not translate or path or fd is null. */
+ * directory does not translate or path or fd is null; 2070 without a
+ * message when the prefix or suffix holds a "/" or would make the name
+ * anything but one new entry of the temporary directory (a prefix starting
+ * with "@", which the path grammar reads as a host path). */
 QOR_API int QOR_create_temporary_object(const char *prefix, int is_directory,
                                         const char *suffix, char **path,
                                         int *fd);

@@ -247,5 +247,43 @@ TEST_F(Temporary, TemporaryDirectoryWithAComponentStartingWithAtNamesAnother) {
     rmdir(plain.c_str());
 }
 
+
+// The made object is always one new entry of the temporary directory: a
+// prefix or suffix that would put it elsewhere (a "/" restarting the path
+// at the root, a leading "@" taken as a host path) is refused
+// before anything is made.
+TEST_F(Temporary, PrefixOrSuffixThatLeavesTheDirectoryIsRefused) {
+    qor_test::MessageLog log;
+    struct Case {
+        const char *prefix;
+        const char *suffix;
+    };
+    for (const Case c : {Case{"/y", nullptr}, Case{"a/b", "t"},
+                         Case{nullptr, "t/../../x"}, Case{"@", nullptr},
+                         Case{"@/etc/", nullptr}, Case{"@x", "t"}}) {
+        char *path = reinterpret_cast<char *>(1);
+        int fd = 5;
+        EXPECT_EQ(QOR_create_temporary_object(c.prefix, 0, c.suffix, &path,
+                                              &fd),
+                  QOR_E_INVALID)
+            << (c.prefix ? c.prefix : "") << " " << (c.suffix ? c.suffix : "");
+        EXPECT_EQ(path, nullptr);
+        EXPECT_EQ(fd, -1);
+        EXPECT_EQ(QOR_create_temporary_object(c.prefix, 1, c.suffix, &path,
+                                              &fd),
+                  QOR_E_INVALID);
+    }
+    EXPECT_TRUE(entries_in(dir_.path()).empty());
+    EXPECT_TRUE(log.messages.empty());
+    // Characters the grammar reads only at a leaf's start are fine inside.
+    char *path = nullptr;
+    int fd = -1;
+    ASSERT_EQ(QOR_create_temporary_object("$(HOME)a@~", 0, "x@", &path, &fd),
+              0);
+    close(fd);
+    EXPECT_EQ(leaf_of(path).substr(0, 10), "$(HOME)a@~");
+    QOR_free(path);
+}
+
 }  // namespace
 }  // namespace paths_test
