@@ -139,6 +139,7 @@ int inspect(const char *path, unsigned int expected, const char *reference,
     ObjectPaths ref = object_paths(reference);
     int present = 0;
     bool lock_present = false;
+    bool lock_held = false;
     for (int i = 0; i < 3; ++i) {
         const char *member = kMembers[i];
         const char *mos = member_os(&paths, member);
@@ -150,8 +151,11 @@ int inspect(const char *path, unsigned int expected, const char *reference,
             continue;
         }
         ++present;
-        lock_present |= i == 0;
         const bool held = S_ISREG(ms.st_mode) && locked(ms.st_dev, ms.st_ino);
+        if (i == 0) {
+            lock_present = S_ISREG(ms.st_mode);
+            lock_held = held;
+        }
         if (!S_ISREG(ms.st_mode)) {
             add(out, Problem::wrong_kind, member, false);
         } else if (!has_member(expected, i)) {
@@ -167,11 +171,7 @@ int inspect(const char *path, unsigned int expected, const char *reference,
         }
     }
     if (expected >= QOR_CDIR && lock_present && present == 1) {
-        struct stat ls;
-        const char *los = member_os(&paths, kLock);
-        const bool held = lstat(los, &ls) == 0 && S_ISREG(ls.st_mode) &&
-                          locked(ls.st_dev, ls.st_ino);
-        add(out, Problem::stale_lock, kLock, held);
+        add(out, Problem::stale_lock, kLock, lock_held);
     }
     out->other_entries = holds_others(os);
     return 0;
@@ -224,7 +224,9 @@ int repair(const char *path, const Inspection &found, int *left) {
         const char *m = member_qor(path, f.member);
         const char *mos = QOR_SH_qor_to_os(m, 0);
         struct stat st;
-        const bool dir = mos != nullptr && lstat(mos, &st) == 0 &&
+        const bool dir = mos != nullptr &&
+                         qor::host::retry_eintr(
+                             [&] { return lstat(mos, &st); }) == 0 &&
                          S_ISDIR(st.st_mode);
         if (failed(dir ? remove_directory(m) : remove_file(m, true))) ++*left;
     }

@@ -11,6 +11,8 @@ seconds=${1:-60}
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 build=${2:-$src/build-fuzz}
+mkdir -p "$build"
+build=$(cd "$build" && pwd)  # the targets run from a scratch directory
 targets=$(cd "$here" && ls fuzz_*.cpp | sed 's/\.cpp$//')
 count=$(echo "$targets" | wc -w)
 each=$((seconds / count))
