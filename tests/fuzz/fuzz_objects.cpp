@@ -101,7 +101,11 @@ struct Input {
     }
 };
 
-void plant(const std::string &at, uint8_t kind, uint8_t size, uint8_t mode) {
+// own: at is the object's own path, which callers name and which may be a
+// link followed as they name it; a link there leads to a decoy in the
+// store, never to the victim.
+void plant(const std::string &at, uint8_t kind, uint8_t size, uint8_t mode,
+           bool own = false) {
     const mode_t bits = mode & 0777;
     switch (kind % 10) {
         case 0:
@@ -116,7 +120,14 @@ void plant(const std::string &at, uint8_t kind, uint8_t size, uint8_t mode) {
             break;
         }
         case 2:
-            (void)!symlink(g_victim.c_str(), at.c_str());
+            if (own) {
+                const std::string decoy = g_store + "/decoy";
+                const int fd = open(decoy.c_str(), O_WRONLY | O_CREAT, 0644);
+                if (fd >= 0) close(fd);
+                (void)!symlink(decoy.c_str(), at.c_str());
+            } else {
+                (void)!symlink(g_victim.c_str(), at.c_str());
+            }
             return;
         case 3:
             (void)!symlink((g_root + "/dangling").c_str(), at.c_str());
@@ -262,7 +273,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string dir = g_store + "/o";
     const uint8_t dir_mode = in.next();
     if (type == 0) {
-        plant(dir, in.next(), in.next(), in.next());
+        const uint8_t kind = in.next();
+        const uint8_t sz = in.next();
+        plant(dir, kind, sz, in.next(), true);
     } else {
         mkdir(dir.c_str(), 0755);
         for (const char *m : {".lock", ".body", ".index", "dbi.lock"}) {
