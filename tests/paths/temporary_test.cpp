@@ -245,6 +245,21 @@ TEST_F(Temporary, TemporaryDirectoryWithAComponentStartingWithAtNamesAnother) {
     EXPECT_EQ(unlink((plain + "/" + *made.begin()).c_str()), 0);
     rmdir(at.c_str());
     rmdir(plain.c_str());
+    // A component whose second character is ":" (a drive in the grammar)
+    // counts as "." when it is not first: the objects land in its parent.
+    const std::string drive = dir_.path() + "/a:b";
+    ASSERT_EQ(mkdir(drive.c_str(), 0700), 0);
+    setenv("QOR_TMP", drive.c_str(), 1);
+    ASSERT_EQ(QOR_create_temporary_object("d", 0, nullptr, &path, &fd), 0);
+    close(fd);
+    QOR_free(path);
+    EXPECT_TRUE(entries_in(drive).empty());
+    std::set<std::string> beside = entries_in(dir_.path());
+    beside.erase("a:b");
+    ASSERT_EQ(beside.size(), 1u);
+    EXPECT_EQ(beside.begin()->substr(0, 1), "d");
+    EXPECT_EQ(unlink((dir_.path() + "/" + *beside.begin()).c_str()), 0);
+    rmdir(drive.c_str());
 }
 
 
