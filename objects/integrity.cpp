@@ -93,8 +93,8 @@ void add(Inspection *out, Problem problem, const char *member, bool held) {
     }
 }
 
-// Whether names other than ".", ".." and the members stand in the
-// directory. An unreadable directory counts as holding others.
+// Whether names other than ".", "..", ".lock", ".body" and ".index" stand
+// in the directory. An unreadable directory counts as holding others.
 bool holds_others(const char *os_dir) {
     DIR *dir = qor::host::retry_eintr([&] { return opendir(os_dir); });
     if (dir == nullptr) return true;
@@ -108,7 +108,9 @@ bool holds_others(const char *os_dir) {
         }
         const char *n = e->d_name;
         if (strcmp(n, ".") == 0 || strcmp(n, "..") == 0) continue;
-        bool member = strcmp(n, kDbiLock) == 0;
+        // "dbi.lock" counts as another entry: the library never removes
+        // it, so an object holding one is never removed as a whole.
+        bool member = false;
         for (const char *m : kMembers) member |= strcmp(n, m) == 0;
         if (!member) {
             others = true;

@@ -45,7 +45,8 @@ struct Inspection {
     unsigned int expected;  // the type the object should have
     int count;              // findings[0 .. count)
     Finding findings[kMaxFindings];
-    bool other_entries;     // names besides the members stand in the directory
+    bool other_entries;     // names besides ".lock", ".body" and ".index"
+                            // ("dbi.lock" too) stand in the directory
 };
 
 // Inspects the object at a qor path that should be of type `expected`

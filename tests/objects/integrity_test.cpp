@@ -78,12 +78,20 @@ TEST_F(Integrity, FinishedObjectsOfEveryTypeShowNothing) {
 
 TEST_F(Integrity, DbiLockAndFurtherObjectsAreNoDebris) {
     make_object(os("o"), 4);
-    make_file(os("o/dbi.lock"));
-    EXPECT_EQ(inspect("o", 4), V{});
-    EXPECT_FALSE(found_.other_entries);
     make_object(os("o/inner"), 3);
     EXPECT_EQ(inspect("o", 4), V{});
     EXPECT_TRUE(found_.other_entries);
+    // "dbi.lock" is accepted but never removed: an unfinished object that
+    // holds one is left whole.
+    make_object(os("d"), 3);
+    make_file(os("d/dbi.lock"));
+    EXPECT_EQ(inspect("d", 3), V{});
+    EXPECT_TRUE(found_.other_entries);
+    EXPECT_EQ(inspect("d", 4), V{"missing .index"});
+    int left = -1;
+    EXPECT_EQ(repair("d", &left), 0);
+    EXPECT_EQ(left, 1);
+    EXPECT_EQ(entries(os("d")), (V{".body", ".lock", "dbi.lock"}));
 }
 
 TEST_F(Integrity, CreateKilledAfterTheLockLeavesAStaleLockThatRepairRemoves) {
