@@ -71,5 +71,20 @@ TEST_F(Hazard, ModesComeFrom0777AndTheUmask) {
     EXPECT_EQ(mode_of(os("p/.body")), 0700u);
 }
 
+
+// A plain-file object is the path the caller names, and that path may be a
+// link: a truncating open follows it and empties the file it names.
+TEST_F(Hazard, TruncatingOpenOfAPlainFileObjectFollowsALinkAtItsPath) {
+    qor_test::write_file(os("real"), "the real file's bytes");
+    ASSERT_EQ(symlink(os("real").c_str(), os("f").c_str()), 0);
+    QOR_contents_record *rec = nullptr;
+    ASSERT_EQ(QOR_open_contents(qor("f").c_str(), 0, 0x14, 3, &rec), 0);
+    EXPECT_EQ(QOR_close_contents(rec), 0);
+    EXPECT_EQ(qor_test::read_file(os("real")), "");
+    struct stat st;
+    ASSERT_EQ(lstat(os("f").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
 }  // namespace
 }  // namespace objects_test
