@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "qor/foundation.h"
+#include "tests/fuzz/input_lines.h"
 #include "tests/fuzz/quiet_messages.h"
 #include "qor/memory.h"
 #include "qor/paths.h"
@@ -73,17 +74,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
     const uint8_t flags = data[0];
-    std::string text(reinterpret_cast<const char *>(data + 1), size - 1);
-    for (char &c : text) {
-        if (c == '\0') c = '\n';
-    }
-    std::vector<std::string> parts;
-    for (size_t from = 0;;) {
-        const size_t nl = text.find('\n', from);
-        parts.push_back(text.substr(from, nl - from));
-        if (nl == std::string::npos) break;
-        from = nl + 1;
-    }
+    const std::vector<std::string> parts =
+        fuzz_support::input_lines(data + 1, size - 1);
     const std::string search = part(parts, 0);
     std::string tmp = part(parts, 1);
     const std::string path = part(parts, 2);

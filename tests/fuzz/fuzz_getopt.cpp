@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "qor/process.h"
+#include "tests/fuzz/input_lines.h"
 
 namespace {
 
@@ -70,19 +71,7 @@ std::vector<Event> model(int argc, char *const argv[], const char *opts,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::string text(reinterpret_cast<const char *>(data), size);
-    // Arguments are C strings: a zero byte ends one like a newline.
-    for (char &c : text) {
-        if (c == '\0') c = '\n';
-    }
-    std::vector<std::string> parts;
-    size_t from = 0;
-    for (;;) {
-        const size_t nl = text.find('\n', from);
-        parts.push_back(text.substr(from, nl - from));
-        if (nl == std::string::npos) break;
-        from = nl + 1;
-    }
+    std::vector<std::string> parts = fuzz_support::input_lines(data, size);
     if (parts.size() > 200) parts.resize(200);
     const std::string opts = parts[0];
     std::vector<char *> argv;
