@@ -97,8 +97,8 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
         if (status != 0) return status;
     }
     QOR_contents_record *record = nullptr;
-    const int status = QOR_open_file(
-        lock_path, 0, 0, writable ? QOR_OPEN_READ_WRITE : QOR_OPEN_READ,
+    const int status = open_member_file(
+        lock_path, 0, writable ? QOR_OPEN_READ_WRITE : QOR_OPEN_READ,
         request, &record);
     if (status != 0) return status;
 

@@ -129,12 +129,43 @@ QOR_API char *QOR_SH_temporary_directory(void);
  * exist at the time of the call: prefix (may be null), a letter, the five
  * lowest decimal digits of the process id, ".", suffix (may be null), in the
  * temporary directory. Null when no such name is free (26 letters tried) or
- * a translation fails. Nothing is created. */
+ * a translation fails. Nothing is created.
+ *
+ * Hazard: the name is predictable (any local user can compute the 26
+ * candidates from the process id) and "free" only means that nothing,
+ * not even a dangling symbolic link's target, was found at it when it was
+ * tested. Another user can plant a link at the name between this call and
+ * the caller's create, so whoever then creates the name without O_EXCL
+ * creates the link's target instead. In a directory others may write to
+ * (such as /tmp), use QOR_create_temporary_object. */
 QOR_API char *QOR_temporary_object_name(const char *prefix, int is_directory,
                                         const char *suffix);
 QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
                                            int is_directory,
                                            const char *suffix);
+
+/* Creates a new temporary file (is_directory 0) or directory in the
+ * temporary directory, atomically and under an unpredictable name: prefix
+ * (may be null), 13 characters drawn from getrandom ("a" to "z", "2" to
+ * "7": 65 random bits), ".", suffix (may be null). A file is created with
+ * O_CREAT, O_EXCL and O_NOFOLLOW and permission bits 0600, a directory with
+ * mkdir and bits 0700, so nothing planted at the name is ever written
+ * through; a name that exists is drawn again (up to 100 names).
+ *
+ * On success returns 0 and sets *path to the object's qor path (basic
+ * space, freed with QOR_free) and *fd to an open descriptor of it: the
+ * file opened for reading and writing, or the directory opened read-only,
+ * both close-on-exec; the caller closes it. On failure returns the status,
+ * with the host error recorded (context 2101 for a file, 2102 for a
+ * directory; a full disc asks the disc-full handler first), and sets *path
+ * to null and *fd to -1. 2051 without a message when the temporary
+ * directory does not translate or path or fd is null; 2070 without a
+ * message when the prefix or suffix holds a "/" or would make the name
+ * anything but one new entry of the temporary directory (a prefix starting
+ * with "@", which the path grammar reads as a host path). */
+QOR_API int QOR_create_temporary_object(const char *prefix, int is_directory,
+                                        const char *suffix, char **path,
+                                        int *fd);
 
 #ifdef __cplusplus
 }

@@ -19,7 +19,7 @@ extern "C" {
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
     X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
-    X(fdatasync)
+    X(fdatasync) X(fchown)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
