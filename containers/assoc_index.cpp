@@ -87,21 +87,7 @@ IndexedKey string_key(const char *text) {
     uint64_t h = 0;
     for (int32_t i = 0; i < span; ++i) h = h * 4 + m[i];
 
-    uint64_t strong = n * kMul;
-    size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        uint64_t w;
-        memcpy(&w, s + i, 8);
-        strong = (strong ^ w) * kMul;
-        strong ^= strong >> 29;
-    }
-    if (i < n) {
-        uint64_t w = 0;
-        memcpy(&w, s + i, n - i);
-        strong = (strong ^ w) * kMul;
-        strong ^= strong >> 29;
-    }
-    return {h, mix(strong)};
+    return {h, qor::bytes_hash(s, n)};
 }
 
 inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {

@@ -25,6 +25,27 @@ inline uint64_t address_hash(const void *p) {
     return mix(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)));
 }
 
+// A strong hash of `n` bytes, eight at a time.
+inline uint64_t bytes_hash(const void *data, size_t n) {
+    constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
+    const auto *s = static_cast<const unsigned char *>(data);
+    uint64_t h = n * kMul;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t w;
+        memcpy(&w, s + i, 8);
+        h = (h ^ w) * kMul;
+        h ^= h >> 29;
+    }
+    if (i < n) {
+        uint64_t w = 0;
+        memcpy(&w, s + i, n - i);
+        h = (h ^ w) * kMul;
+        h ^= h >> 29;
+    }
+    return mix(h);
+}
+
 // Zero-filled memory for an index; exhaustion is the library's fatal error.
 inline void *zeroed(uint64_t count, uint64_t size) {
     void *p = calloc(count, size);
