@@ -20,26 +20,114 @@ using qor::zeroed;
 
 constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
 
-// Per entry: its chain predecessor and its neighbours among the entries of
-// its key. link[0] leads towards the group's end[0], link[1] towards end[1].
-struct Node {
+// An entry of a key held by several entries: its neighbours among them.
+// link[0] leads towards the group's end[0], link[1] towards end[1]. Keys
+// held by one entry (the usual case) have no such record.
+struct DupNode {
     Entry *entry;
-    Entry *chain_prev;
     Entry *link[2];
     bool empty() const { return entry == nullptr; }
     uint64_t home() const { return address_hash(entry); }
 };
 
-// Per distinct key: both ends of its list of entries, the strong hash of
-// the key and the parity of the table's growth count the list was started
-// under. The chain runs from end[p] to end[1 - p], p being that parity
-// against the table's current one.
-struct Group {
-    uint64_t strong;
+// An entry's predecessor in its chain (null at the head). Kept only once a
+// removal has asked for one, and dropped by a growth, which makes every
+// chain anew: tables that are only filled and searched never pay for it.
+struct PrevNode {
+    Entry *entry;
+    Entry *chain_prev;
+    bool empty() const { return entry == nullptr; }
+    uint64_t home() const { return address_hash(entry); }
+};
+
+// Per distinct key: both ends of its list of entries (the same entry when
+// it has one) and a tag: 30 bits of the key's strong hash with a marker bit
+// (0 is an empty slot), and below them the parity of the table's growth
+// count the list was started under. The chain runs from end[p] to
+// end[1 - p], p being that parity against the table's current one.
+//
+// Tags and ends are kept in two arrays: probing reads the tags only, four
+// bytes a slot, which keeps a large table's probes within fewer pages.
+struct GroupEnds {
     Entry *end[2];
-    uint32_t parity;
-    bool empty() const { return end[0] == nullptr; }
-    uint64_t home() const { return strong; }
+};
+
+inline uint32_t tag_bits(uint64_t strong) {
+    return static_cast<uint32_t>(strong >> 34) | 0x40000000u;
+}
+
+struct GroupTable {
+    uint32_t *tags = nullptr;
+    GroupEnds *ends = nullptr;
+    uint64_t mask = 0;
+    uint64_t live = 0;
+
+    static uint64_t home(uint32_t tag) { return mix(tag >> 1); }
+
+    void release() {
+        free(tags);
+        free(ends);
+        tags = nullptr;
+        ends = nullptr;
+        mask = 0;
+        live = 0;
+    }
+
+    void reset() {
+        if (tags != nullptr) memset(tags, 0, (mask + 1) * sizeof(uint32_t));
+        live = 0;
+    }
+
+    void reserve_one() {
+        if (tags != nullptr && (live + 1) * 4 <= (mask + 1) * 3) return;
+        const uint64_t old_size = tags != nullptr ? mask + 1 : 0;
+        const uint64_t size = old_size != 0 ? old_size * 2 : 64;
+        uint32_t *old_tags = tags;
+        GroupEnds *old_ends = ends;
+        tags = static_cast<uint32_t *>(zeroed(size, sizeof(uint32_t)));
+        ends = static_cast<GroupEnds *>(malloc(size * sizeof(GroupEnds)));
+        if (ends == nullptr) qor::out_of_memory();
+        mask = size - 1;
+        for (uint64_t i = 0; i < old_size; ++i) {
+            if (old_tags[i] == 0) continue;
+            uint64_t j = home(old_tags[i]) & mask;
+            while (tags[j] != 0) j = (j + 1) & mask;
+            tags[j] = old_tags[i];
+            ends[j] = old_ends[i];
+        }
+        free(old_tags);
+        free(old_ends);
+    }
+
+    GroupEnds *place(uint32_t tag) {
+        uint64_t j = home(tag) & mask;
+        while (tags[j] != 0) j = (j + 1) & mask;
+        tags[j] = tag;
+        live += 1;
+        return &ends[j];
+    }
+
+    unsigned parity(const GroupEnds *g) const {
+        return tags[g - ends] & 1u;
+    }
+
+    void erase(GroupEnds *g) {
+        uint64_t i = static_cast<uint64_t>(g - ends);
+        uint64_t j = i;
+        for (;;) {
+            j = (j + 1) & mask;
+            if (tags[j] == 0) break;
+            const uint64_t k = home(tags[j]) & mask;
+            const bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
+            if (!stays) {
+                tags[i] = tags[j];
+                ends[i] = ends[j];
+                i = j;
+            }
+        }
+        tags[i] = 0;
+        live -= 1;
+    }
 };
 
 struct TableSlot {
@@ -53,9 +141,11 @@ struct TableSlot {
 
 struct AssocIndex {
     bool strings;  // string entries (key at the string entry's place) or longs
+    bool prevs_valid;  // `prevs` holds every entry of the table
     uint32_t growths;
-    Probe<Node> nodes;
-    Probe<Group> groups;
+    GroupTable groups;
+    Probe<DupNode> dups;
+    Probe<PrevNode> prevs;
 };
 
 namespace {
@@ -101,29 +191,71 @@ inline uint64_t strong_of_entry(const AssocIndex *x, const Entry *e) {
     return x->strings ? string_key(key_text(e)).strong : long_strong(e->hash);
 }
 
-Node *node_of(AssocIndex *x, const Entry *e) {
-    if (x->nodes.slots == nullptr) return nullptr;
-    const uint64_t mask = x->nodes.mask;
+template <class Slot>
+Slot *slot_of(Probe<Slot> &table, const Entry *e) {
+    if (table.slots == nullptr) return nullptr;
+    const uint64_t mask = table.mask;
     for (uint64_t j = address_hash(e) & mask;; j = (j + 1) & mask) {
-        Node *n = &x->nodes.slots[j];
+        Slot *n = &table.slots[j];
         if (n->entry == e) return n;
         if (n->empty()) return nullptr;
     }
 }
 
-Group *group_of(AssocIndex *x, uint64_t strong, const void *key) {
-    if (x->groups.slots == nullptr) return nullptr;
-    const uint64_t mask = x->groups.mask;
-    for (uint64_t j = strong & mask;; j = (j + 1) & mask) {
-        Group *g = &x->groups.slots[j];
-        if (g->empty()) return nullptr;
-        if (g->strong == strong && holds(x, g->end[0], key)) return g;
+GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key) {
+    const GroupTable &t = x->groups;
+    if (t.tags == nullptr) return nullptr;
+    const uint32_t want = tag_bits(strong);
+    for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
+        const uint32_t tag = t.tags[j];
+        if (tag == 0) return nullptr;
+        if ((tag >> 1) == want && holds(x, t.ends[j].end[0], key)) {
+            return &t.ends[j];
+        }
     }
 }
 
+inline const void *key_of(const AssocIndex *x, const Entry *e) {
+    return x->strings ? static_cast<const void *>(key_text(e))
+                      : reinterpret_cast<const void *>(e->hash);
+}
+
+GroupEnds *group_of_entry(AssocIndex *x, const Entry *e) {
+    return group_of(x, strong_of_entry(x, e), key_of(x, e));
+}
+
 // The group's side that is first in chain order now.
-inline unsigned front_side(const AssocIndex *x, const Group *g) {
-    return (x->growths ^ g->parity) & 1u;
+inline unsigned front_side(const AssocIndex *x, const GroupEnds *g) {
+    return (x->growths ^ x->groups.parity(g)) & 1u;
+}
+
+DupNode *add_dup(AssocIndex *x, Entry *e) {
+    x->dups.reserve_one();
+    DupNode *n = x->dups.place(address_hash(e));
+    n->entry = e;
+    n->link[0] = nullptr;
+    n->link[1] = nullptr;
+    return n;
+}
+
+void add_prev(AssocIndex *x, Entry *e, Entry *chain_prev) {
+    x->prevs.reserve_one();
+    PrevNode *n = x->prevs.place(address_hash(e));
+    n->entry = e;
+    n->chain_prev = chain_prev;
+}
+
+// Every entry's chain predecessor, from the chains.
+void build_prevs(AssocIndex *x, QOR_ASSOC_table *t) {
+    x->prevs.reset();
+    for (uint64_t b = 0; b <= t->mask; ++b) {
+        Entry *prev = nullptr;
+        for (Entry *e = t->buckets[b]; e != nullptr; e = e->next) {
+            add_prev(x, e, prev);
+            prev = e;
+        }
+    }
+    x->prevs_valid = true;
 }
 
 }  // namespace
@@ -171,8 +303,9 @@ void index_destroy(QOR_ASSOC_table *t) {
     }
     last_table = nullptr;
     last_index = nullptr;
-    x->nodes.release();
     x->groups.release();
+    x->dups.release();
+    x->prevs.release();
     free(x);
 }
 
@@ -183,7 +316,7 @@ IndexedKey index_key(const AssocIndex *x, const void *key) {
 }
 
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
-    Group *g = group_of(x, k.strong, key);
+    GroupEnds *g = group_of(x, k.strong, key);
     return g != nullptr ? g->end[front_side(x, g)] : nullptr;
 }
 
@@ -192,12 +325,13 @@ Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
     *walk = false;
     if (holds(x, previous, key)) {
         // The next entry of the same key in chain order: its group's next.
-        Node *n = node_of(x, previous);
-        if (n == nullptr) {
+        GroupEnds *g = group_of_entry(x, previous);
+        if (g == nullptr) {  // not an entry of this table
             *walk = true;
             return nullptr;
         }
-        Group *g = group_of(x, strong_of_entry(x, previous), key);
+        if (g->end[0] == g->end[1]) return nullptr;
+        DupNode *n = slot_of(x->dups, previous);
         return n->link[1u - front_side(x, g)];
     }
     // A key other than the previous entry's. Only entries of the previous
@@ -214,90 +348,85 @@ Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
 
 void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
     // The chain: e is its new head; the old head now follows it.
-    x->nodes.reserve_one();
-    Node *n = x->nodes.place(address_hash(e));
-    n->entry = e;
-    n->chain_prev = nullptr;
-    if (e->next != nullptr) node_of(x, e->next)->chain_prev = e;
+    if (x->prevs_valid) {
+        add_prev(x, e, nullptr);
+        if (e->next != nullptr) slot_of(x->prevs, e->next)->chain_prev = e;
+    }
 
     // The group: e comes first in chain order among the entries of its key.
-    const void *key = x->strings ? static_cast<const void *>(key_text(e))
-                                 : reinterpret_cast<const void *>(e->hash);
-    Group *g = group_of(x, k.strong, key);
-    n = node_of(x, e);
+    GroupEnds *g = group_of(x, k.strong, key_of(x, e));
     if (g == nullptr) {
         x->groups.reserve_one();
-        g = x->groups.place(k.strong);
-        g->strong = k.strong;
+        g = x->groups.place((tag_bits(k.strong) << 1) | (x->growths & 1u));
         g->end[0] = e;
         g->end[1] = e;
-        g->parity = x->growths & 1u;
-        n->link[0] = nullptr;
-        n->link[1] = nullptr;
         return;
     }
     const unsigned front = front_side(x, g);
     Entry *old_front = g->end[front];
-    n->link[front] = nullptr;
+    if (g->end[0] == g->end[1]) add_dup(x, old_front);
+    g->end[front] = e;  // before the dups table may move: g stays valid
+    DupNode *n = add_dup(x, e);
     n->link[1u - front] = old_front;
-    node_of(x, old_front)->link[front] = e;
-    g->end[front] = e;
+    slot_of(x->dups, old_front)->link[front] = e;
 }
 
 bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
-    Node *n = node_of(x, e);
-    if (n == nullptr) return false;
+    GroupEnds *g = group_of_entry(x, e);
+    if (g == nullptr) return false;
+    if (!x->prevs_valid) build_prevs(x, t);
+    PrevNode *p = slot_of(x->prevs, e);
+    if (p == nullptr) return false;
 
     // Out of the chain, through the back-link.
-    Entry *prev = n->chain_prev;
+    Entry *prev = p->chain_prev;
     Entry *following = e->next;
     if (prev == nullptr) {
         t->buckets[e->hash & t->mask] = following;
     } else {
         prev->next = following;
     }
-    if (following != nullptr) node_of(x, following)->chain_prev = prev;
+    if (following != nullptr) slot_of(x->prevs, following)->chain_prev = prev;
+    x->prevs.erase(p);
 
     // Out of its group.
+    if (g->end[0] == g->end[1]) {
+        x->groups.erase(g);
+        return true;
+    }
+    DupNode *n = slot_of(x->dups, e);
     Entry *toward0 = n->link[0];
     Entry *toward1 = n->link[1];
-    Group *g = nullptr;
-    if (toward0 == nullptr || toward1 == nullptr) {
-        const void *key = x->strings
-                              ? static_cast<const void *>(key_text(e))
-                              : reinterpret_cast<const void *>(e->hash);
-        g = group_of(x, strong_of_entry(x, e), key);
-    }
+    x->dups.erase(n);
     if (toward0 != nullptr) {
-        node_of(x, toward0)->link[1] = toward1;
+        slot_of(x->dups, toward0)->link[1] = toward1;
     } else {
         g->end[0] = toward1;
     }
     if (toward1 != nullptr) {
-        node_of(x, toward1)->link[0] = toward0;
+        slot_of(x->dups, toward1)->link[0] = toward0;
     } else {
         g->end[1] = toward0;
     }
-    if (g != nullptr && g->end[0] == nullptr) x->groups.erase(g);
-    x->nodes.erase(node_of(x, e));
+    // One entry left: it needs no neighbours.
+    if (g->end[0] == g->end[1]) x->dups.erase(slot_of(x->dups, g->end[0]));
     return true;
 }
 
-void index_regrown(AssocIndex *x, QOR_ASSOC_table *t) {
-    // Every group now reads the other way round, and every chain is new.
+void index_regrown(AssocIndex *x, QOR_ASSOC_table *) {
+    // Every group now reads the other way round, and every chain is new:
+    // the predecessors are worked out again when a removal needs them.
     x->growths += 1;
-    for (uint64_t b = 0; b <= t->mask; ++b) {
-        Entry *prev = nullptr;
-        for (Entry *e = t->buckets[b]; e != nullptr; e = e->next) {
-            node_of(x, e)->chain_prev = prev;
-            prev = e;
-        }
+    if (x->prevs_valid) {
+        x->prevs.release();
+        x->prevs_valid = false;
     }
 }
 
 void index_cleared(AssocIndex *x) {
-    x->nodes.reset();
     x->groups.reset();
+    x->dups.reset();
+    x->prevs.reset();
 }
 
 }  // namespace qor::containers
