@@ -130,9 +130,11 @@ constexpr uint32_t kNoIndex = UINT32_MAX;
 //    least as large as an extension block's span, so a block touches at most
 //    two granules and a granule meets at most three blocks (block 0, whose
 //    span may differ, is tested first on its own);
-//  - a summary of the bitmap in two levels: bit w of level 1 says bitmap
-//    word w has a free record, bit v of level 2 that level-1 word v is not
-//    zero. The search for the next free word reads a few words at most.
+//  - a summary of the bitmap in two levels: bit w of level 1 is set when
+//    bitmap word w may have a free record (every word above the hint's that
+//    has one is marked; a mark left on a word that filled up is cleared by
+//    the search that finds it empty), bit v of level 2 when level-1 word v
+//    is not zero. The search for the next free word reads a few words.
 //
 // The answers are those of the plain searches (the lowest free record, the
 // first block that holds an address). The index notes which arrays and
@@ -245,12 +247,10 @@ void side_build(SideIndex *x, const QOR_SA_allocator *sa) {
     }
 }
 
+// The arrays move only when blocks are added, and a re-initialised record
+// has arrays of its own: those two tell a stale index.
 inline bool side_matches(const SideIndex *x, const QOR_SA_allocator *sa) {
-    return x->blocks == sa->blocks && x->bitmaps == sa->bitmaps &&
-           x->blocks_in_use == sa->blocks_in_use &&
-           x->bitmaps_allocated == sa->bitmaps_allocated &&
-           x->structure_size == sa->structure_size &&
-           x->extension_entries == sa->extension_entries;
+    return x->bitmaps == sa->bitmaps && x->blocks_in_use == sa->blocks_in_use;
 }
 
 // The index kept for an allocator, as it stands, or null.
@@ -307,9 +307,9 @@ void side_drop(const QOR_SA_allocator *sa) {
     }
 }
 
-// The first word from `from` on (below the words backing records) with a
-// free record, or kNoIndex.
-uint32_t next_free_word(const SideIndex *x, uint32_t from, uint32_t words) {
+// The first word from `from` on (below the words backing records) whose
+// summary bit is set, or kNoIndex.
+uint32_t next_marked_word(const SideIndex *x, uint32_t from, uint32_t words) {
     if (from >= words) return kNoIndex;
     uint32_t v = from / kBits;
     uint64_t bits = x->level1[v] & (kAllFree << (from % kBits));
@@ -329,6 +329,19 @@ uint32_t next_free_word(const SideIndex *x, uint32_t from, uint32_t words) {
     }
     const uint32_t word = v * kBits + static_cast<uint32_t>(__builtin_ctzll(bits));
     return word < words ? word : kNoIndex;
+}
+
+// The first word from `from` on with a free record, or kNoIndex. A set
+// summary bit may be stale (allocations leave them be): such a word is
+// found empty here, and its bit cleared, once.
+uint32_t next_free_word(SideIndex *x, const uint64_t *bitmaps, uint32_t from,
+                        uint32_t words) {
+    for (;;) {
+        const uint32_t word = next_marked_word(x, from, words);
+        if (word == kNoIndex || bitmaps[word] != 0) return word;
+        summary_clear(x, word);
+        from = word + 1;
+    }
 }
 
 // The block where the last lookup succeeded, with what a lookup needs of
@@ -561,7 +574,7 @@ inline uint32_t take_record(QOR_SA_allocator *sa) {
         // whole words, so the records end on a word boundary.
         const uint32_t words = total_records(sa) / kBits;
         if (wants_index(sa)) {
-            word = next_free_word(side_of(sa), word + 1, words);
+            word = next_free_word(side_of(sa), bitmaps, word + 1, words);
             if (word == kNoIndex) [[unlikely]] return free_count_wrong();
             free_bits = bitmaps[word];
         } else {
@@ -573,7 +586,7 @@ inline uint32_t take_record(QOR_SA_allocator *sa) {
     }
     const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
     bitmaps[word] &= ~(uint64_t{1} << bit);
-    if (bitmaps[word] == 0 && wants_index(sa)) summary_clear(side_of(sa), word);
+
     const uint32_t index = word * kBits + bit;
     sa->free_entries -= 1;
     sa->first_free_hint = index + 1;
@@ -605,14 +618,29 @@ __attribute__((noinline)) void *allocate_in_new_block(QOR_SA_allocator *sa) {
 }
 
 // Marks record `index` free again.
+// The summary need only cover words above the hint's: the search reads the
+// hint's word itself, and every record below the hint is in use. So a
+// record given back above the hint's word marks its word, and a hint that
+// drops to a lower word marks the word it leaves if that has free records.
+__attribute__((noinline)) void mark_word(QOR_SA_allocator *sa, uint32_t word) {
+    if (wants_index(sa)) summary_set(side_of(sa), word);
+}
+
 inline void give_back(QOR_SA_allocator *sa, uint32_t index) {
     const uint32_t word = index / kBits;
-    if (sa->bitmaps[word] == 0 && wants_index(sa)) {
-        summary_set(side_of(sa), word);
-    }
+    const uint32_t hint = sa->first_free_hint;
+    const uint32_t hint_word = hint / kBits;
     sa->bitmaps[word] |= uint64_t{1} << (index % kBits);
     sa->free_entries += 1;
-    if (index < sa->first_free_hint) sa->first_free_hint = index;
+    if (index < hint) {
+        sa->first_free_hint = index;
+        if (word < hint_word && hint_word < sa->bitmaps_allocated &&
+            sa->bitmaps[hint_word] != 0) {
+            mark_word(sa, hint_word);
+        }
+    } else if (word > hint_word) {
+        mark_word(sa, word);
+    }
 }
 
 // The release hook runs before the record is marked free.
