@@ -142,9 +142,10 @@ struct ViewHash {
     }
 };
 
-struct StdOwning {
+template <class StringMap>
+struct StdMap {
     struct Tab {
-        std::unordered_map<std::string, void *, ViewHash, std::equal_to<>> strings;
+        StringMap strings;
         std::unordered_map<long, void *> longs;
     };
     using T = Tab *;
@@ -162,6 +163,11 @@ struct StdOwning {
     }
     static void drop(T t) { delete t; }
 };
+
+using StdOwning =
+    StdMap<std::unordered_map<std::string, void *, ViewHash, std::equal_to<>>>;
+// Views of the key sets, which outlive the tables (as TABLEs keep keys).
+using StdViews = StdMap<std::unordered_map<std::string_view, void *>>;
 
 // TABLEs do not copy keys: the key sets outlive them.
 struct QorTable {
@@ -186,27 +192,6 @@ struct QorTable {
         QOR_FS_destroy(&s->fs);
         delete s;
     }
-};
-
-struct StdViews {
-    struct Tab {
-        std::unordered_map<std::string_view, void *> strings;
-        std::unordered_map<long, void *> longs;
-    };
-    using T = Tab *;
-    static T make_strings() { return new Tab; }
-    static T make_longs() { return new Tab; }
-    static void put(T t, const char *k, void *v) { t->strings.emplace(k, v); }
-    static void put(T t, long k, void *v) { t->longs.emplace(k, v); }
-    static const void *get(T t, const char *k) {
-        auto it = t->strings.find(k);
-        return it == t->strings.end() ? nullptr : it->second;
-    }
-    static const void *get(T t, long k) {
-        auto it = t->longs.find(k);
-        return it == t->longs.end() ? nullptr : it->second;
-    }
-    static void drop(T t) { delete t; }
 };
 
 #if QOR_HAVE_GLIB
