@@ -150,7 +150,7 @@ struct Hashed {
 Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
     AssocIndex *x = qor::containers::index_of(t);
     if (x != nullptr) return {x, qor::containers::index_key(x, key)};
-    return {nullptr, {t->key_type->hash(t, key), 0}};
+    return {nullptr, {t->key_type->hash(t, key), 0, 0, true}};
 }
 
 // The first entry in chain order that holds the key: what the chain walk
@@ -195,9 +195,9 @@ void grow(QOR_ASSOC_table *t) {
 
 // Links a new entry for `key` at the head of its chain, growing the table
 // first when it already holds as many entries as it has buckets.
-Entry *add_entry(QOR_ASSOC_table *t, const Hashed &h, const void *key,
+Entry *add_entry(QOR_ASSOC_table *t, Hashed h, const void *key,
                  void *value) {
-    const uint64_t hash = h.key.hash;
+    const uint64_t hash = qor::containers::index_chain_hash(h.key, key);
     if (t->fixed_size == 0 && t->count > static_cast<int32_t>(t->mask)) {
         grow(t);
     }

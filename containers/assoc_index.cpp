@@ -162,22 +162,25 @@ inline const char *key_text(const Entry *e) {
 
 inline uint64_t long_strong(uint64_t key) { return mix(key ^ kMul); }
 
-// The string's chain hash (h = 4h + c over at most 14 middle bytes, as
-// QOR_ASSOC_string_hash) and a strong hash of all of it, from one strlen.
-IndexedKey string_key(const char *text) {
-    const auto *s = reinterpret_cast<const unsigned char *>(text);
-    const size_t n = strlen(text);
-    const int32_t n32 = static_cast<int32_t>(n);
-    const unsigned char *m = s;
-    int32_t span = n32;
+// The string's chain hash: h = 4h + c over at most 14 middle bytes, as
+// QOR_ASSOC_string_hash, given the length.
+uint64_t middle_hash(const char *text, size_t n) {
+    const auto *m = reinterpret_cast<const unsigned char *>(text);
+    int32_t span = static_cast<int32_t>(n);
     if (span > 14) {
         m += (span - 14) / 2;
         span = 14;
     }
     uint64_t h = 0;
     for (int32_t i = 0; i < span; ++i) h = h * 4 + m[i];
+    return h;
+}
 
-    return {h, qor::bytes_hash(s, n)};
+// The strong hash of a string key, with its length kept for the chain hash
+// (a serial chain of 14 steps, worked out only when a new entry needs it).
+IndexedKey string_key(const char *text) {
+    const size_t n = strlen(text);
+    return {0, qor::bytes_hash(text, n), n, false};
 }
 
 inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
@@ -312,7 +315,15 @@ void index_destroy(QOR_ASSOC_table *t) {
 IndexedKey index_key(const AssocIndex *x, const void *key) {
     if (x->strings) return string_key(static_cast<const char *>(key));
     const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
-    return {k, long_strong(k)};
+    return {k, long_strong(k), 0, true};
+}
+
+uint64_t index_chain_hash(IndexedKey &k, const void *key) {
+    if (!k.hashed) {
+        k.hash = middle_hash(static_cast<const char *>(key), k.length);
+        k.hashed = true;
+    }
+    return k.hash;
 }
 
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
@@ -339,7 +350,8 @@ Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
     // keys the hash is the key). Otherwise the entries of the key that come
     // after `previous` in its chain are wanted, which only the chain knows.
     if (!x->strings) return nullptr;
-    if (string_key(static_cast<const char *>(key)).hash != previous->hash) {
+    const char *text = static_cast<const char *>(key);
+    if (middle_hash(text, strlen(text)) != previous->hash) {
         return nullptr;
     }
     *walk = true;

@@ -19,6 +19,7 @@
 // group's reading direction at once without touching them.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "containers/pieces.h"
@@ -30,11 +31,13 @@ struct AssocIndex;
 // The key type of atom tables (defined with the atoms).
 extern const QOR_ASSOC_key_type atom_key_type;
 
-// A key prepared for the index: the table's own hash (the chain's) and the
-// strong hash of the whole key.
+// A key prepared for the index: the strong hash of the whole key, and the
+// table's own hash (the chain's) once worked out.
 struct IndexedKey {
-    uint64_t hash;
+    uint64_t hash;    // valid when `hashed`
     uint64_t strong;
+    size_t length;    // of a string key
+    bool hashed;
 };
 
 // The index of a table, or null when its key type keeps the plain walk.
@@ -45,6 +48,9 @@ void index_destroy(QOR_ASSOC_table *t);
 
 // Both hashes of a key in one pass.
 IndexedKey index_key(const AssocIndex *x, const void *key);
+
+// The chain hash of a key (what the key type's hash function gives).
+uint64_t index_chain_hash(IndexedKey &k, const void *key);
 
 // The first entry in chain order holding `key`, or null.
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key);
