@@ -691,3 +691,35 @@ TEST(AssocDifferential, AtomTablesFindWhatTheWalkFinds) {
     EXPECT_EQ(a->assoc.mask + 1, 32u);  // fixed: never grows
     QOR_destroy_atom_table(a);
 }
+
+// A million duplicates of the empty key: inserting them, visiting them all
+// with find_dup and removing them one by one each cost the same per entry
+// as with one (a chain walk per step would not finish).
+TEST(AssocDifferential, AMillionDuplicatesOfTheEmptyKey) {
+    QOR_ASSOC_table *t =
+        QOR_ASSOC_table_create(0, QOR_ASSOC_string_key_type, "dups", nullptr);
+    constexpr uintptr_t kDups = 1000000;
+    for (uintptr_t i = 1; i <= kDups; ++i) {
+        QOR_ASSOC_table_insert_dup(t, "", val(i));
+    }
+    ASSERT_EQ(static_cast<uintptr_t>(t->count), kDups);
+    // One chain, newest first... until growths reversed it: each step of
+    // find_dup is the chain's next entry.
+    QOR_ASSOC_entry *chain = t->buckets[0];
+    uintptr_t n = 0;
+    for (QOR_ASSOC_entry *d = QOR_ASSOC_table_find_dup(t, "", nullptr);
+         d != nullptr; d = QOR_ASSOC_table_find_dup(t, "", d), ++n) {
+        ASSERT_EQ(d, chain) << n;
+        chain = chain->next;
+    }
+    EXPECT_EQ(n, kDups);
+    // Removed at the head of the chain and just after it, by turns.
+    for (uintptr_t i = 0; i < kDups; ++i) {
+        QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, "");
+        ASSERT_NE(e, nullptr);
+        QOR_ASSOC_table_remove(t, i % 2 == 0 ? e : e->next != nullptr ? e->next : e);
+    }
+    EXPECT_EQ(t->count, 0);
+    EXPECT_EQ(QOR_ASSOC_table_find(t, ""), nullptr);
+    QOR_ASSOC_table_destroy(t);
+}
