@@ -9,9 +9,11 @@
 //
 //  - a group per distinct key, found by a strong hash of the whole key, that
 //    lists the entries holding that key in their chain order (all of them
-//    share one chain, since equal keys hash equally);
-//  - per entry, its predecessor in its chain, so that a removal unlinks it
-//    without searching the chain.
+//    share one chain, since equal keys hash equally); a key held by one
+//    entry needs no list;
+//  - once a removal has asked, each entry's predecessor in its chain, so
+//    that a removal unlinks it without searching the chain. A growth makes
+//    every chain anew and drops them; the next removal builds them again.
 //
 // A growth of the table pushes entries onto their new chains in old-chain
 // order, which reverses every group. Groups are doubly linked and record the
@@ -46,7 +48,7 @@ AssocIndex *index_create(QOR_ASSOC_table *t);
 AssocIndex *index_of(const QOR_ASSOC_table *t);
 void index_destroy(QOR_ASSOC_table *t);
 
-// Both hashes of a key in one pass.
+// The strong hash of a key (its chain hash comes later, when needed).
 IndexedKey index_key(const AssocIndex *x, const void *key);
 
 // The chain hash of a key (what the key type's hash function gives).
