@@ -41,7 +41,11 @@
  * first catopen("qor", NL_CAT_LOCALE), so NLSPATH is honoured (for example
  * NLSPATH=/opt/qor/%N.cat), then the installed catalogue,
  * <prefix>/share/qor/qor.cat, whose full path is built into this library.
+ *
+ * Not thread-safe: the installed catalogue and the callback registry are
+ * process-wide. Install once, early, from the main thread.
  */
+
 #ifndef QOR_CATALOG_H
 #define QOR_CATALOG_H
 
