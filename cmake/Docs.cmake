@@ -21,6 +21,12 @@ add_test(NAME docs.api_reference_catches_undocumented
 set_tests_properties(docs.api_reference docs.api_reference_catches_undocumented
   PROPERTIES LABELS docs SKIP_RETURN_CODE 77 TIMEOUT 300)
 
+# The pages in docs/ call only functions the headers declare.
+add_test(NAME docs.pages_name_declared_functions
+  COMMAND ${PROJECT_SOURCE_DIR}/docs/check_doc_names.sh
+          ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/include)
+set_tests_properties(docs.pages_name_declared_functions PROPERTIES LABELS docs)
+
 # ---- Examples ----------------------------------------------------------
 # Each examples/NAME.c is compiled as a user would, against an installation
 # of this build in a scratch prefix through its qor.pc, and run with the
