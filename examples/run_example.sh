@@ -21,22 +21,13 @@ pc=$(find "$prefix" -name qor.pc -path '*/pkgconfig/*' | head -n 1)
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
-# qor.pc names the prefix the build was configured for. Where it does not
-# point into PREFIX (a pkg-config file that is not yet relocatable), use a
-# copy that does, as a packager relocating the tree would.
+# The installed qor.pc is relocatable: its paths follow where it lies, so
+# it must point into PREFIX whatever prefix the build was configured for.
 export PKG_CONFIG_PATH=${pc%/*}
 libdir=$(pkg-config --variable=libdir qor)
 case "$libdir" in
     "$prefix"/*) ;;
-    *)
-        mkdir "$tmp/pc"
-        sed -e "s|^prefix=.*|prefix=$prefix|" \
-            -e "s|^libdir=.*|libdir=$(dirname "$pc" | xargs dirname)|" \
-            -e "s|^includedir=.*|includedir=$prefix/include|" "$pc" \
-            >"$tmp/pc/qor.pc"
-        export PKG_CONFIG_PATH=$tmp/pc
-        libdir=$(pkg-config --variable=libdir qor)
-        ;;
+    *) echo "qor.pc points at $libdir, outside $prefix"; exit 1 ;;
 esac
 
 "$cc" -std=c11 -Wall -Wextra -Werror -pedantic "$here/$name.c" \
