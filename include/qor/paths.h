@@ -67,12 +67,14 @@ QOR_API int QOR_compare_os_names(const char *a, const char *b);
 /* OS path (relative ones taken against the current directory) to a
  * normalised absolute qor path. */
 QOR_API char *QOR_os_to_qor(const char *os_path);
+/* As QOR_os_to_qor, the result in the shared freestore. */
 QOR_API char *QOR_SH_os_to_qor(const char *os_path);
 
 /* The text of a symbolic link as a qor link name: split at "/" and joined
  * again, neither normalised nor resolved (a relative link stays relative).
  * An empty text gives an empty string. */
 QOR_API char *QOR_os_to_qor_linkname(const char *os_path);
+/* As QOR_os_to_qor_linkname, the result in the shared freestore. */
 QOR_API char *QOR_SH_os_to_qor_linkname(const char *os_path);
 
 /* base (resolved against the current directory) with tail appended, then
@@ -81,6 +83,7 @@ QOR_API char *QOR_SH_os_to_qor_linkname(const char *os_path);
 QOR_API char *QOR_concat_os_paths(const char *base, const char *tail,
                                   unsigned int render_mode,
                                   unsigned int form);
+/* As QOR_concat_os_paths, the result in the shared freestore. */
 QOR_API char *QOR_SH_concat_os_paths(const char *base, const char *tail,
                                      unsigned int render_mode,
                                      unsigned int form);
@@ -88,27 +91,32 @@ QOR_API char *QOR_SH_concat_os_paths(const char *base, const char *tail,
 /* qor path to a normalised absolute qor path, every anchor and embedded host
  * path expanded. */
 QOR_API char *QOR_qor_to_absolute_qor(const char *qor_path);
+/* As QOR_qor_to_absolute_qor, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_absolute_qor(const char *qor_path);
 
 /* qor path of a directory to an absolute OS path. */
 QOR_API char *QOR_qor_to_os_dir(const char *qor_path);
+/* As QOR_qor_to_os_dir, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_os_dir(const char *qor_path);
 
 /* qor path to an absolute OS path. An embedded host path ("@...") is copied
  * as it is written. */
 QOR_API char *QOR_qor_to_os(const char *qor_path, unsigned int render_mode);
+/* As QOR_qor_to_os, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_os(const char *qor_path,
                                unsigned int render_mode);
 
 /* The absolute qor path of a directory, "/", then the entry name: "/" and
  * "x" give "//x". */
 QOR_API char *QOR_composite_path(const char *dir_path, const char *name);
+/* As QOR_composite_path, the result in the shared freestore. */
 QOR_API char *QOR_SH_composite_path(const char *dir_path, const char *name);
 
 /* ---- Environment, current directory, temporary names ------------------- */
 
 /* The value of a variable, or null when name is null or it is unset. */
 QOR_API char *QOR_getenv(const char *name);
+/* As QOR_getenv, the result in the shared freestore. */
 QOR_API char *QOR_SH_getenv(const char *name);
 
 /* Sets name=value in the environment; 0 on success. A null argument records
@@ -118,11 +126,13 @@ QOR_API int QOR_putenv(const char *name, const char *value);
 
 /* qor path of the current directory: what ".0" translates to. */
 QOR_API char *QOR_current_directory(void);
+/* As QOR_current_directory, the result in the shared freestore. */
 QOR_API char *QOR_SH_current_directory(void);
 
 /* qor path of the temporary directory: QOR_TMP (relative values taken
  * against the current directory), else "/tmp". */
 QOR_API char *QOR_temporary_directory(void);
+/* As QOR_temporary_directory, the result in the shared freestore. */
 QOR_API char *QOR_SH_temporary_directory(void);
 
 /* qor path of a temporary file (is_directory 0) or directory that does not
