@@ -56,9 +56,10 @@ QOR_API int QOR_start(const char *program, char **argv, pid_t *pid);
  * *exit_code, or 2066 with the number of the signal that ended it. An exit
  * status of 255 means the program could not be run: ENOENT is recorded
  * against the program (context 2121), 2052 returned and *exit_code left
- * alone (exit_code may be null). The wait takes any child of the process: statuses of other
+ * alone. The wait takes any child of the process: statuses of other
  * children that end first are dropped, and with no child left to wait for
- * (ECHILD) the answer is 0 with *exit_code unwritten. */
+ * (ECHILD) the answer is 0 with *exit_code unwritten. exit_code may be
+ * null. */
 QOR_API int QOR_call(const char *program, char **argv, int32_t *exit_code);
 
 /* Runs the command with the shell (system) and waits: 0 with the shell's
@@ -68,7 +69,7 @@ QOR_API int QOR_call(const char *program, char **argv, int32_t *exit_code);
  * number is not stored. A raw result of 127 outputs message 71 (type 7,
  * the command as $0) and gives 2071. A failing system() is recorded
  * against the command with context 2131; so is a null command (EINVAL,
- * 2070). */
+ * 2070). exit_code may be null. */
 QOR_API int QOR_execute(const char *command, int32_t *exit_code);
 
 /* ---- Option parsing ------------------------------------------------------
