@@ -15,6 +15,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
@@ -26,6 +27,8 @@ struct plan {
     int count; /* remaining failures; -1 endless; 0 disarmed */
     int err;
     long max_bytes; /* >= 0: short transfer instead of a failure */
+    int has_result; /* return result instead of failing */
+    long result;
     char filter[256];
 };
 
@@ -65,7 +68,8 @@ static void *real(qor_fault_fn fn) {
     return reals[fn];
 }
 
-/* Decides the fate of one call: 0 pass through, 1 fail with errno, 2 short. */
+/* Decides the fate of one call: 0 pass through, 1 fail with errno, 2 short,
+ * 3 return the planned result. */
 static int decide(qor_fault_fn fn, const char *path) {
     struct plan *p = &plans[fn];
     p->calls++;
@@ -78,6 +82,7 @@ static int decide(qor_fault_fn fn, const char *path) {
     }
     if (p->count > 0) p->count--;
     p->injected++;
+    if (p->has_result) return 3;
     return p->max_bytes >= 0 ? 2 : 1;
 }
 
@@ -86,11 +91,20 @@ void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count) {
     plans[fn].skip = skip;
     plans[fn].count = count;
     plans[fn].max_bytes = -1;
+    plans[fn].has_result = 0;
+}
+void qor_fault_result(qor_fault_fn fn, long value, int skip, int count) {
+    plans[fn].skip = skip;
+    plans[fn].count = count;
+    plans[fn].max_bytes = -1;
+    plans[fn].has_result = 1;
+    plans[fn].result = value;
 }
 void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count) {
     plans[fn].skip = skip;
     plans[fn].count = count;
     plans[fn].max_bytes = max_bytes;
+    plans[fn].has_result = 0;
 }
 void qor_fault_filter_path(qor_fault_fn fn, const char *text) {
     plans[fn].filter[0] = '\0';
@@ -104,6 +118,7 @@ void qor_fault_reset(void) {
         plans[i].calls = plans[i].injected = 0;
         plans[i].skip = plans[i].count = plans[i].err = 0;
         plans[i].max_bytes = -1;
+        plans[i].has_result = 0;
         plans[i].filter[0] = '\0';
     }
 }
@@ -119,7 +134,11 @@ long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
 #define PATH_CALL(fn, ret, params, args, path)                  \
     ret fn params {                                             \
         typedef ret (*real_t) params;                           \
-        if (decide(QF_##fn, path) == 1) FAIL_WITH(fn, (ret)-1); \
+        switch (decide(QF_##fn, path)) {                        \
+            case 1: FAIL_WITH(fn, (ret)-1);                     \
+            case 3: return (ret)plans[QF_##fn].result;          \
+            default: break;                                     \
+        }                                                       \
         return ((real_t)real(QF_##fn)) args;                    \
     }
 #define FD_CALL(fn, ret, params, args) PATH_CALL(fn, ret, params, args, NULL)
@@ -289,6 +308,15 @@ void free(void *p) {
     }
     real_free(p);
 }
+
+char *getlogin(void) {
+    if (decide(QF_getlogin, NULL) == 1) FAIL_WITH(getlogin, NULL);
+    return ((char *(*)(void))real(QF_getlogin))();
+}
+FD_CALL(uname, int, (struct utsname * u), (u))
+FD_CALL(fork, pid_t, (void), ())
+PATH_CALL(execv, int, (const char *p, char *const argv[]), (p, argv), p)
+FD_CALL(wait, pid_t, (int *st), (st))
 
 __attribute__((constructor)) static void fault_init(void) {
     for (int i = 0; i < QF_COUNT; i++) plans[i].max_bytes = -1;
