@@ -247,8 +247,21 @@ int fflush(FILE *f) {
     if (decide(QF_fflush, NULL) == 1) FAIL_WITH(fflush, EOF);
     return ((int (*)(FILE *))real(QF_fflush))(f);
 }
+/* A failing fgets sets the stream's error indicator, as a failed read
+ * does (a write to the read-only stream is the portable way to set it); a
+ * planned result answers null with errno set to the value and leaves both
+ * indicators alone. */
 char *fgets(char *s, int n, FILE *f) {
-    if (decide(QF_fgets, NULL) == 1) FAIL_WITH(fgets, NULL);
+    switch (decide(QF_fgets, NULL)) {
+        case 1:
+            (void)fputc(0, f);
+            FAIL_WITH(fgets, NULL);
+        case 3:
+            errno = (int)plans[QF_fgets].result;
+            return NULL;
+        default:
+            break;
+    }
     return ((char *(*)(char *, int, FILE *))real(QF_fgets))(s, n, f);
 }
 int fputs(const char *s, FILE *f) {

@@ -38,7 +38,8 @@ void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
  * read/write/pread/pwrite): after `skip` calls, the next `count` calls
  * return value without being made, errno untouched. For results the host
  * gives only rarely (a raw 127 from system, a fork that "returns" in a
- * child, ...). */
+ * child, ...). fgets answers null with errno set to value, the stream's
+ * indicators untouched (a failing fgets sets the error indicator). */
 void qor_fault_result(qor_fault_fn fn, long value, int skip, int count);
 /* Only calls whose path argument contains text are affected (and counted as
  * matching); null removes the filter. */
