@@ -4,6 +4,8 @@
 # New inputs go to a scratch corpus; the seeds in corpus/ are only read.
 set -eu
 seconds=${1:-60}
+# The font alias target takes a quarter of the time; the total stays.
+font_seconds=$((seconds / 4)); seconds=$((seconds - font_seconds))
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 build=${2:-$src/build-fuzz}
@@ -29,3 +31,9 @@ trap 'rm -rf "$scratch"' EXIT INT TERM
 cd "$scratch"
 "$target" -max_total_time="$seconds" -max_len=6000 -timeout=10 \
     -rss_limit_mb=2048 -print_final_stats=1 "$scratch" "$here/corpus"
+# The font alias line grammar against its independent reading.
+cmake --build "$build" --target fuzz_font_alias >/dev/null
+mkdir "$scratch/font_alias"
+"$build/tests/fuzz/fuzz_font_alias" -max_total_time="$font_seconds" \
+    -max_len=4096 -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    "$scratch/font_alias" "$here/corpus_font_alias"
