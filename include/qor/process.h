@@ -112,7 +112,9 @@ QOR_API int QOR_getopt(int argc, char *const argv[], const char *optstring);
 
 /* The font name of the alias, or a copy of name itself when there is no such
  * alias or no usable alias file (a null name gives ""). Never fails and
- * never prints anything. The text belongs to the caller: free it with
+ * prints nothing of its own: a missing or unreadable file is passed over
+ * silently (only an open that fails after those checks is recorded, by
+ * QOR_open_contents). The text belongs to the caller: free it with
  * QOR_free. */
 QOR_API char *QOR_look_up_font(const char *name);
 
