@@ -20,7 +20,7 @@ constexpr const char kPrintCommand[] = "lp -s -c -d%s -n%d %s";
 
 // Room for the command with the longest OS path a translation gives and a
 // printer name of up to kPrinterRoom characters. A longer printer name is
-// formatted into the shared freestore instead, so nothing is ever cut.
+// formatted into basic space instead, so nothing is ever cut.
 constexpr size_t kPrinterRoom = 256;
 constexpr size_t kCommandRoom =
     sizeof kPrintCommand + kPrinterRoom + 11 /* any int */ + QOR_PATH_MAX;
