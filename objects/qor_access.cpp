@@ -373,19 +373,6 @@ constexpr size_t kIdentitySize = 48;
 
 // ---- Names of ids ------------------------------------------------------------
 
-// Looks an id up, clearing errno before each try and trying again while
-// the lookup is interrupted, 101 tries at most.
-template <class Lookup>
-auto look_up(Lookup lookup) -> decltype(lookup()) {
-    decltype(lookup()) found = nullptr;
-    for (int tries = 0; tries < qor::host::kEintrCalls; ++tries) {
-        errno = 0;
-        found = lookup();
-        if (found != nullptr || errno != EINTR) break;
-    }
-    return found;
-}
-
 // The ids are sign-extended for the host: -1 stays -1.
 uid_t host_uid(const QOR_ownership &o) {
     return static_cast<uid_t>(static_cast<int>(o.user));
@@ -402,10 +389,12 @@ char *copy_name(const char *name, bool in_shared) {
 
 int ownership_names(const QOR_ownership *o, QOR_ownership_names *names,
                     bool in_shared) {
-    const struct passwd *pw = look_up([&] { return getpwuid(host_uid(*o)); });
+    const struct passwd *pw =
+        qor::host::retry_lookup([&] { return getpwuid(host_uid(*o)); });
     if (pw == nullptr) return QOR_E_INVALID;
     char *user = copy_name(pw->pw_name, in_shared);
-    const struct group *gr = look_up([&] { return getgrgid(host_gid(*o)); });
+    const struct group *gr =
+        qor::host::retry_lookup([&] { return getgrgid(host_gid(*o)); });
     if (gr == nullptr) {
         // A user name in the shared freestore goes with the caller's mark.
         if (!in_shared) QOR_free(user);

@@ -48,7 +48,7 @@ extern "C" {
  * ones fail. */
 #define QOR_PATH_MAX 4096
 
-/* Forms of QOR_concat_os_paths. */
+/* Result forms of QOR_concat_os_paths and QOR_locate. */
 enum {
     QOR_FORM_OS = 0,  /* the result is an OS path */
     QOR_FORM_QOR = 1  /* the result is a qor path */
@@ -176,6 +176,61 @@ QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
 QOR_API int QOR_create_temporary_object(const char *prefix, int is_directory,
                                         const char *suffix, char **path,
                                         int *fd);
+
+/* ---- Locating files on the search path ---------------------------------
+ * QOR_locate finds an existing file (type 0) or directory (type 1; any type
+ * code of the object store is accepted) by name. It probes, in this order,
+ * stopping at the first probe that exists:
+ *   1. the name itself, when it has the outward form of a qor path;
+ *   2. the directories of QOR_PATH (a list of host paths, read at every
+ *      call; relative ones are taken against the current directory):
+ *      when the name has a type and QOR_PATH_DEFAULTS lists subdirectories
+ *      for it, DIR/SUB/NAME for every such entry, directory and
+ *      subdirectory in order (an empty subdirectory element probes
+ *      DIR/NAME), and never DIR/NAME otherwise; else DIR/NAME;
+ *   3. the directories of the extra list (qor paths), as DIR/NAME.
+ * A list text holds elements separated by commas, white space or both;
+ * two commas that meet, or a comma at either end, make an empty element.
+ *
+ * The type of a name is the text after the last "." of its first
+ * component when the name holds a "/" ("x.dat/y" has the type "dat",
+ * "x/y.dat" has none), else after the last "." of the name.
+ *
+ * QOR_PATH_DEFAULTS lists subdirectories by type, read once per process:
+ *   "dat=(data, tables);hlp=(help)"
+ * Entries are separated by ";"; each is a type name (up to the first
+ * blank or "="), "=", anything, "(", a list text, and the last ")" of the
+ * entry. A malformed table (an entry without "=", "(" or ")", an empty
+ * list, a trailing ";") is dropped whole, silently.
+ *
+ * Probes longer than QOR_PATH_MAX characters fail without touching the
+ * file system. The result is the probe that exists, as an OS path (form
+ * QOR_FORM_OS, the object type handed on as render mode) or an absolute
+ * qor path (QOR_FORM_QOR); null when nothing is found, when the name is
+ * null or when the result does not translate. Another form is the fatal
+ * error of message 1 (status 2001), raised once something was found.
+ *
+ * Trace: QOR_LOCATE_TRACE_LEVEL, read once per process, sets the base
+ * level: 0 silent, 1 every probe that exists, 2 every probe. Each traced
+ * probe is one line on standard error: the probed path, a blank, and the
+ * text of message 206 (found) or 205 (not found) of set "qor", fetched at
+ * the first trace; "-- succeeded" and "-- failed" when the message system
+ * cannot give them.
+ *
+ * Not thread-safe: the table, the trace levels and the shared freestore
+ * are process-wide. */
+
+QOR_API char *QOR_locate(const char *name, unsigned int type,
+                         const char *extra, int form);
+QOR_API char *QOR_SH_locate(const char *name, unsigned int type,
+                            const char *extra, int form);
+
+/* The current trace level. */
+QOR_API int QOR_get_locate_trace_level(void);
+/* Sets the current trace level, but only to a value above the base level
+ * and at most 2: once raised, the level never returns to the base (with a
+ * base of 1, setting 0 or 1 changes nothing). */
+QOR_API void QOR_set_locate_trace_level(int level);
 
 #ifdef __cplusplus
 }
