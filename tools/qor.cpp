@@ -260,8 +260,8 @@ int parse_command_line(const Command &c, int argc, char **argv,
     }
     in.operands = storage.data() + QOR_optind;
     in.count = count - QOR_optind;
-    in.verbose = in.seen['v'];
-    if (in.seen['h']) {
+    in.verbose = in.seen[unsigned('v')];
+    if (in.seen[unsigned('h')]) {
         print_command_help(c);
         return kExitOk;
     }

@@ -514,7 +514,11 @@ TEST(LocateTrace, BaseLevelFromTheEnvironment) {
         {"3", 0},          {"-1", 0},  {"", 0},   {"abc", 0},
         {" 2", 2},         {"1x", 1},  {"+1", 1}, {"99999999999999999999", 0},
     };
-    for (const auto &[value, level] : cases) {
+    for (const auto &entry : cases) {
+        // Named copies: a lambda may not capture a structured binding
+        // before C++20's rule reached every compiler.
+        const std::optional<std::string> &value = entry.first;
+        const int level = entry.second;
         const auto child = run_in_child([&] {
             if (value) {
                 setenv("QOR_LOCATE_TRACE_LEVEL", value->c_str(), 1);
