@@ -74,8 +74,7 @@ int check_one(const Invocation &in, const char *path, const char *source) {
     s = qor::objects::repair_object(path, found, &left);
     if (s != 0) return fail_status(in, "cannot repair", path, s);
     if (left > 0) {
-        printf("%s: repaired; %d left in place (held by a live process, or "
-               "the directory\nholds other entries)\n", path, left);
+        printf("%s: repaired; %d left in place\n", path, left);
         return kExitFailed;
     }
     unsigned now = 0;
