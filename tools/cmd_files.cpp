@@ -55,7 +55,7 @@ int txt_path(const Invocation &in, const char *what, const char *file,
     }
     char *again = QOR_qor_to_os(os->c_str(), 0);
     const bool same = again != nullptr && *os == again;
-    QOR_free(again);
+    if (again != nullptr) QOR_free(again);
     if (!same) {
         fprintf(stderr, "qor %s: %s: %s: the host path %s does not read the "
                         "same as a qor path\n", in.command->name, what, file,

@@ -116,8 +116,8 @@ int put_in_place(const char *from, unsigned type, const char *target) {
                           ? 0
                           : QOR_record_os_error(errno, target,
                                                 QOR_CTX_MOVE_OBJECT);
-        QOR_free(os_from);
-        QOR_free(os_to);
+        if (os_from != nullptr) QOR_free(os_from);
+        if (os_to != nullptr) QOR_free(os_to);
         return s;
     }
     int s = QOR_move_object(from, type, target);
@@ -152,8 +152,10 @@ int copy_one(const Invocation &in, const char *source, const char *target) {
         }
     }
     char *os_dir = QOR_qor_to_os_dir(dir);
-    if (os_dir != nullptr) rmdir(os_dir);
-    QOR_free(os_dir);
+    if (os_dir != nullptr) {
+        rmdir(os_dir);
+        QOR_free(os_dir);
+    }
     QOR_free(dir);
     if (s != 0) return fail_status(in, "cannot copy", source, s);
     verbose(in, "'%s' -> '%s'\n", source, target);

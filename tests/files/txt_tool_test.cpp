@@ -303,7 +303,7 @@ TEST_F(TxtTool, SaveOfANulByteDoesNothing) {
 TEST_F(TxtTool, PathsTheProtocolCannotNameAreRefused) {
     // "_" restarts the path at the root anchor: the host path does not read
     // the same as a qor path, so the backup would be made elsewhere.
-    make_dir(path("_"));
+    objects_test::make_dir(path("_"));
     auto r = run_qor({"save", q("_/notes")}, "x\n");
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.err, "qor save: cannot save: " + q("_/notes") +

@@ -122,7 +122,7 @@ TEST_F(CheckTool, WhatALiveProcessHoldsIsLeft) {
     EXPECT_EQ(r.out, qor("c") + ": .body: missing\n" + qor("c") +
                          ": .lock: all that is left of a cdir (a stale lock) "
                          "(held by a live process)\n" + qor("c") +
-                         ": repaired; 1 left in place\n");
+                         ": repaired; 2 left in place\n");
     EXPECT_EQ(entries(os("c")), std::vector<std::string>{".lock"});
     holder.send('g');
     EXPECT_EQ(holder.finish(), 0);
