@@ -8,6 +8,7 @@
 #include <qor/qor.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -103,6 +104,39 @@ int cmd_check(Invocation &in) {
     return result;
 }
 
+// The tour: a cdir whose create was killed after its first member.
+int tour_in(const std::string &dir) {
+    const std::string object = "@" + dir + "/ledger";
+    // What a killed create leaves: the directory and ".lock", which is a
+    // finished lockable directory as far as anyone can tell.
+    if (QOR_create_object(object.c_str(), QOR_LOCKABLE_DIRECTORY) != 0) return 1;
+    unsigned type = 0;
+    QOR_type_of_object(object.c_str(), &type);
+    printf("a create of the cdir ledger killed after its first member leaves "
+           "an object
+that reads as a %s
+", kTypeNames[type]);
+    Inspection found{};
+    if (qor::objects::inspect_object(object.c_str(), QOR_CDIR, nullptr, &found) != 0) {
+        return 1;
+    }
+    printf("checked as the cdir it should be (qor check --type=cdir):
+");
+    for (int i = 0; i < found.count; ++i) {
+        printf("  ");
+        print_finding("ledger", found, found.findings[i], nullptr);
+    }
+    int left = 0;
+    const int s = qor::objects::repair_object(object.c_str(), found, &left);
+    struct stat st;
+    printf("repair (qor check --type=cdir --repair) -> %d, %d left; ledger "
+           "%s
+", s, left,
+           stat((dir + "/ledger").c_str(), &st) == 0 ? "is still there"
+                                                      : "is gone");
+    return s == 0 && left == 0 ? 0 : 1;
+}
+
 const Option kCheckOptions[] = {
     {'r', "repair", nullptr,
      "remove the debris found that no live process holds"},
@@ -139,5 +173,17 @@ const Command check_commands[] = {
      "failed).",
      kCheckOptions, 1, -1},
     {}};
+
+int tour_check() {
+    tour_heading("Half-made objects");
+    char *os = tour_directory("qor-tour-check-");
+    if (os == nullptr) return 1;
+    const std::string dir(os);
+    QOR_free(os);
+    const int result = tour_in(dir);
+    rmdir((dir + "/ledger").c_str());
+    rmdir(dir.c_str());
+    return result;
+}
 
 }  // namespace qor_tool

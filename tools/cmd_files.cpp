@@ -481,14 +481,7 @@ const Command files_commands[] = {
 
 int tour_files() {
     tour_heading("Shared text files and lock files");
-    char *dir = nullptr;
-    int fd = -1;
-    if (QOR_create_temporary_object("qor-tour-files-", 1, nullptr, &dir, &fd) != 0) {
-        return 1;
-    }
-    close(fd);
-    char *os = QOR_qor_to_os_dir(dir);
-    QOR_free(dir);
+    char *os = tour_directory("qor-tour-files-");
     if (os == nullptr) return 1;
     int result = tour_txt(os);
     if (result == 0) result = tour_lock_file(os);

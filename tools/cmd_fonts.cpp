@@ -227,14 +227,7 @@ const Command fonts_commands[] = {
 
 int tour_fonts() {
     tour_heading("Font aliases and printing");
-    char *dir = nullptr;
-    int fd = -1;
-    if (QOR_create_temporary_object("qor-tour-fonts-", 1, nullptr, &dir, &fd) != 0) {
-        return 1;
-    }
-    close(fd);
-    char *os = QOR_qor_to_os_dir(dir);
-    QOR_free(dir);
+    char *os = tour_directory("qor-tour-fonts-");
     if (os == nullptr) return 1;
     const std::string where(os);
     QOR_free(os);

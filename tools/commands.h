@@ -151,10 +151,15 @@ int tour_objects();
 int tour_objects2();
 int tour_files();
 int tour_process();
+int tour_check();
 int tour_fonts();
 
 // Prints a tour heading.
 void tour_heading(const char *title);
+// A new private directory for a tour step's files, made by the library in
+// the temporary directory under an unpredictable name: its host path
+// (QOR_free), or null.
+char *tour_directory(const char *prefix);
 
 // Registers the catalogue-backed message callbacks (see qor/catalog.h);
 // returns 0 when the catalogue was found.

@@ -47,6 +47,7 @@ int (*const kTour[])() = {
     tour_paths,
     tour_objects,
     tour_objects2,
+    tour_check,
     tour_files,
     tour_process,
     tour_fonts,

@@ -191,4 +191,16 @@ int private_directory_beside(const char *target, char **dir) {
     return s;
 }
 
+char *tour_directory(const char *prefix) {
+    char *dir = nullptr;
+    int fd = -1;
+    if (QOR_create_temporary_object(prefix, 1, nullptr, &dir, &fd) != 0) {
+        return nullptr;
+    }
+    close(fd);
+    char *os = QOR_qor_to_os_dir(dir);
+    QOR_free(dir);
+    return os;
+}
+
 }  // namespace qor_tool

@@ -237,6 +237,17 @@ TEST_F(TxtTool, ControlFileWithoutBackupStopsCatWithStatus1) {
                          "above)\n");
 }
 
+TEST_F(TxtTool, SaveIntoAMissingDirectoryStopsWithStatus1) {
+    auto r = run_qor({"save", q("nodir/notes")}, "x\n");
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, access_report(path("nodir/notes"), ENOENT) +
+                         "qor save: cannot save: " + q("nodir/notes") +
+                         ": stopped by the library's fatal error (see "
+                         "above)\n");
+    EXPECT_EQ(names_in(tmp_.path()), std::vector<std::string>{});
+}
+
 TEST_F(TxtTool, CatWaitsForASaveInProgress) {
     save_file(path("notes"), "before\n");
     // This process saves: byte 0 is write-locked from the start of the save.

@@ -180,6 +180,24 @@ TEST_F(CheckTool, BadCommandLinesDoNothing) {
     EXPECT_EQ(entries(os("c")), std::vector<std::string>{".lock"});
 }
 
+TEST_F(CheckTool, TourStepFindsAndRemovesAHalfMadeCdir) {
+    auto r = run_qor({"tour"});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_NE(r.out.find("== Half-made objects ==\n"
+                         "a create of the cdir ledger killed after its first "
+                         "member leaves an object\nthat reads as a "
+                         "lockable_directory\n"
+                         "checked as the cdir it should be (qor check "
+                         "--type=cdir):\n"
+                         "  ledger: .body: missing\n"
+                         "  ledger: .lock: all that is left of a cdir (a "
+                         "stale lock)\n"
+                         "repair (qor check --type=cdir --repair) -> 0, 0 "
+                         "left; ledger is gone\n"),
+              std::string::npos)
+        << r.out;
+}
+
 TEST_F(CheckTool, CopyLeavesNoTemporaryBehindAndTmpnameSaysItIsPredictable) {
     make_object(os("s"), 4);
     qor_test::write_file(os("s/.body"), "body");

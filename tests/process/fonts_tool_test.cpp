@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fake_spooler.h"
 #include "harness.h"
 #include "qor/qor.h"
 
@@ -35,28 +36,12 @@ class FontTool : public testing::Test {
     }
     // A fake lp first on PATH: each argument on a line of the record.
     void fake_lp(int exit_status = 0) {
-        const std::string script = tmp_ / "bin/lp";
-        qor_test::write_file(
-            script, "#!/bin/sh\n: > '" + record() +
-                        "'\nfor a; do printf '%s\\n' \"$a\" >> '" + record() +
-                        "'; done\nexit " + std::to_string(exit_status) + "\n");
-        chmod(script.c_str(), 0755);
+        fake_spooler::install(tmp_ / "bin/lp", record(), exit_status);
         const char *path = getenv("PATH");
         setenv("PATH", (tmp_ / "bin" + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
     }
     std::string record() const { return tmp_ / "lp.args"; }
-    Args recorded() const {
-        if (!qor_test::exists(record())) return {"<lp never ran>"};
-        Args out;
-        const std::string text = qor_test::read_file(record());
-        size_t from = 0;
-        while (from < text.size()) {
-            const size_t nl = text.find('\n', from);
-            out.push_back(text.substr(from, nl - from));
-            from = nl + 1;
-        }
-        return out;
-    }
+    Args recorded() const { return fake_spooler::recorded(record()); }
     std::string file(const std::string &name, const std::string &text = "x\n") {
         qor_test::write_file(tmp_ / name, text);
         return tmp_ / name;
