@@ -113,15 +113,12 @@ int tour_in(const std::string &dir) {
     unsigned type = 0;
     QOR_type_of_object(object.c_str(), &type);
     printf("a create of the cdir ledger killed after its first member leaves "
-           "an object
-that reads as a %s
-", kTypeNames[type]);
+           "an object\nthat reads as a %s\n", kTypeNames[type]);
     Inspection found{};
     if (qor::objects::inspect_object(object.c_str(), QOR_CDIR, nullptr, &found) != 0) {
         return 1;
     }
-    printf("checked as the cdir it should be (qor check --type=cdir):
-");
+    printf("checked as the cdir it should be (qor check --type=cdir):\n");
     for (int i = 0; i < found.count; ++i) {
         printf("  ");
         print_finding("ledger", found, found.findings[i], nullptr);
@@ -130,8 +127,7 @@ that reads as a %s
     const int s = qor::objects::repair_object(object.c_str(), found, &left);
     struct stat st;
     printf("repair (qor check --type=cdir --repair) -> %d, %d left; ledger "
-           "%s
-", s, left,
+           "%s\n", s, left,
            stat((dir + "/ledger").c_str(), &st) == 0 ? "is still there"
                                                       : "is gone");
     return s == 0 && left == 0 ? 0 : 1;
