@@ -65,9 +65,11 @@ int txt_path(const Invocation &in, const char *what, const char *file,
     return kExitOk;
 }
 
+// Whether the path names something; a dangling link names nothing, so
+// that a reader never creates the file a link points to.
 bool exists(const std::string &os) {
     struct stat st;
-    return lstat(os.c_str(), &st) == 0;
+    return stat(os.c_str(), &st) == 0;
 }
 
 // ---- cat ---------------------------------------------------------------------------

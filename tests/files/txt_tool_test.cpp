@@ -162,6 +162,15 @@ TEST_F(TxtTool, SaveReplacesAndSaysSoWithVerbose) {
     EXPECT_EQ(names_in(tmp_.path()), std::vector<std::string>{"notes"});
 }
 
+TEST_F(TxtTool, CatNeverCreatesTheTargetOfADanglingLink) {
+    ASSERT_EQ(symlink(path("victim").c_str(), path("link").c_str()), 0);
+    auto r = run_qor({"cat", q("link")});
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_EQ(r.err, "qor cat: cannot read: " + q("link") +
+                         ": it does not exist\n");
+    EXPECT_FALSE(qor_test::exists(path("victim")));
+}
+
 TEST_F(TxtTool, CatOfSeveralFilesAndLongLines) {
     const std::string long_line = std::string(10000, 'x') + "\n";
     save_file(path("a"), long_line);
