@@ -14,9 +14,7 @@
 #include <string.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -25,49 +23,6 @@
 
 namespace qor_tool {
 namespace {
-
-// ---- Temporary names ----------------------------------------------------------
-
-// A name beside target (same directory, so a rename can put it in place)
-// that nobody can predict: ".<base>.qor-" and 12 random letters and digits.
-// The one place the tool makes such names; a library function for them is
-// to take its place.
-std::string unpredictable_sibling(const char *target) {
-    static constexpr char kAlphabet[] =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    unsigned char random[12];
-    size_t got = 0;
-    while (got < sizeof random) {
-        const ssize_t n = getrandom(random + got, sizeof random - got, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            // No random source: fall back to time and pid, still unlikely
-            // to be guessed in the short life of the name.
-            unsigned long long seed = static_cast<unsigned long long>(
-                time(nullptr)) * 2654435761u ^ static_cast<unsigned>(getpid());
-            for (unsigned char &r : random) {
-                seed = seed * 6364136223846793005ull + 1442695040888963407ull;
-                r = static_cast<unsigned char>(seed >> 33);
-            }
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    const std::string path(target);
-    const size_t slash = path.rfind('/');
-    std::string name = slash == std::string::npos
-                           ? std::string()
-                           : path.substr(0, slash + 1);
-    std::string base =
-        slash == std::string::npos ? path : path.substr(slash + 1);
-    if (slash == std::string::npos && !base.empty() && base[0] == '@') {
-        name = "@";
-        base.erase(0, 1);
-    }
-    name += "." + base + ".qor-";
-    for (unsigned char r : random) name += kAlphabet[r % (sizeof kAlphabet - 1)];
-    return name;
-}
 
 // ---- cp, mv, rm ------------------------------------------------------------------
 
@@ -147,44 +102,61 @@ int copy_permissions(const char *source, const char *path, unsigned type) {
     return s;
 }
 
-// Copies one object: into a temporary sibling of the target first, then
-// renamed into place, so that a failed copy leaves an existing target as
-// it was and nobody sees half a copy.
+// Puts the object at from (in a private directory beside target) in
+// target's place: a rename for a plain file, the library's move, which
+// replaces an existing target object, for the others.
+int put_in_place(const char *from, unsigned type, const char *target) {
+    if (type == QOR_PLAIN_FILE) {
+        char *os_from = QOR_qor_to_os(from, 0);
+        char *os_to = QOR_qor_to_os(target, 0);
+        const int s = os_from == nullptr || os_to == nullptr
+                          ? QOR_E_UNTRANSLATABLE
+                      : rename(os_from, os_to) == 0
+                          ? 0
+                          : QOR_record_os_error(errno, target,
+                                                QOR_CTX_MOVE_OBJECT);
+        if (os_from != nullptr) QOR_free(os_from);
+        if (os_to != nullptr) QOR_free(os_to);
+        return s;
+    }
+    int s = QOR_move_object(from, type, target);
+    unsigned still = 0;
+    if (s == QOR_E_TARGET_EXISTS) s = 0;
+    if (s == 0 && QOR_type_of_object(from, &still) == 0) {
+        s = QOR_E_PERMISSION;  // the target may not be replaced
+    }
+    return s;
+}
+
+// Copies one object: into a private directory beside the target first,
+// then renamed into place, so that a failed copy leaves an existing target
+// as it was and nobody sees half a copy. The directory has a name nobody
+// can predict and lets nobody else in, so nothing can be planted at the
+// copy's name while it is being made.
 int copy_one(const Invocation &in, const char *source, const char *target) {
     unsigned type = 0;
     if (const int r = object_type(in, kTypeLetter, source, &type)) return r;
-    const std::string temporary = unpredictable_sibling(target);
-    int s = QOR_copy_object(source, type, temporary.c_str());
-    if (s != 0 && s != QOR_E_EXISTS) {
-        return fail_status(in, "cannot copy", source, s);
-    }
-    s = copy_permissions(source, temporary.c_str(), type);
-    if (s == 0) {
-        if (type == QOR_PLAIN_FILE) {
-            char *from = QOR_qor_to_os(temporary.c_str(), 0);
-            char *to = QOR_qor_to_os(target, 0);
-            s = from == nullptr || to == nullptr ? QOR_E_UNTRANSLATABLE
-                : rename(from, to) == 0        ? 0
-                                               : QOR_record_os_error(
-                                                     errno, target,
-                                                     QOR_CTX_MOVE_OBJECT);
-            QOR_free(from);
-            QOR_free(to);
-        } else {
-            // An object is a directory of member files: the library's move
-            // replaces an existing target object.
-            s = QOR_move_object(temporary.c_str(), type, target);
-            unsigned still = 0;
-            if (s == QOR_E_TARGET_EXISTS) s = 0;
-            if (s == 0 && QOR_type_of_object(temporary.c_str(), &still) == 0) {
-                s = QOR_E_PERMISSION;  // the target may not be replaced
-            }
+    char *dir = nullptr;
+    int s = private_directory_beside(target, &dir);
+    if (s != 0) return fail_status(in, "cannot copy", source, s);
+    const std::string temporary = std::string(dir) + "/copy";
+    s = QOR_copy_object(source, type, temporary.c_str());
+    if (s == QOR_E_EXISTS) s = 0;
+    if (s == 0) s = copy_permissions(source, temporary.c_str(), type);
+    if (s == 0) s = put_in_place(temporary.c_str(), type, target);
+    if (s != 0) {
+        unsigned left = 0;
+        if (QOR_type_of_object(temporary.c_str(), &left) == 0) {
+            QOR_unchecked_delete_object(temporary.c_str(), type);
         }
     }
-    if (s != 0) {
-        QOR_unchecked_delete_object(temporary.c_str(), type);
-        return fail_status(in, "cannot copy", source, s);
+    char *os_dir = QOR_qor_to_os_dir(dir);
+    if (os_dir != nullptr) {
+        rmdir(os_dir);
+        QOR_free(os_dir);
     }
+    QOR_free(dir);
+    if (s != 0) return fail_status(in, "cannot copy", source, s);
     verbose(in, "'%s' -> '%s'\n", source, target);
     return kExitOk;
 }
@@ -254,30 +226,6 @@ int cmd_rm(Invocation &in) {
 
 // ---- lock ------------------------------------------------------------------------
 
-// Runs the command with its arguments and waits for it: its exit status,
-// or 128 plus the signal that ended it; 126/127 when it could not be run.
-int run_command(char **command) {
-    fflush(stdout);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
-                strerror(errno));
-        return kExitFailed;
-    }
-    if (pid == 0) {
-        execvp(command[0], command);
-        const int error = errno;
-        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
-                strerror(error));
-        _exit(error == ENOENT ? 127 : 126);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return kExitFailed;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // A plain file (or a name not yet taken) is locked as flock(1) locks it: a
 // whole-file lock on the file itself, made if missing.
 int lock_plain_file(const Invocation &in, const char *path, char **command) {
@@ -311,7 +259,7 @@ int lock_plain_file(const Invocation &in, const char *path, char **command) {
             operation & LOCK_SH ? "shared" : "exclusive");
     // The descriptor is close-on-exec: the command does not inherit it, and
     // the lock lasts as long as this process waits for the command.
-    const int code = run_command(command);
+    const int code = run_command(in, command);
     while ((r = flock(fd, LOCK_UN)) != 0 && errno == EINTR) {
     }
     const int error = errno;
@@ -342,7 +290,7 @@ int cmd_lock(Invocation &in) {
     int s = QOR_lock_object(path, type, request);
     if (s != 0) return fail_status(in, "cannot lock", path, s);
     verbose(in, "locked '%s' (%s)\n", path, shared ? "shared" : "exclusive");
-    const int code = run_command(command);
+    const int code = run_command(in, command);
     while ((s = QOR_unlock_object(path, type)) == QOR_E_INTERRUPTED) {
     }
     if (s != 0) return fail_status(in, "cannot unlock", path, s);

@@ -107,7 +107,13 @@ const Command paths_commands[] = {
      "propose a free temporary file or directory name",
      "Prints a name in the temporary directory that is free at the time of "
      "the\ncall: PREFIX, a letter, the process id's five lowest digits, "
-     "\".\" and SUFFIX.\nNothing is created.",
+     "\".\" and SUFFIX.\nNothing is created.\n"
+     "\n"
+     "The name is predictable, may be taken by the time it is used, and a "
+     "dangling\nlink at it counts as free: in a directory others may write "
+     "to, create it\nonly with O_EXCL and O_NOFOLLOW. The qor commands "
+     "that need a temporary\nobject never use it: they have the library "
+     "make one under an unpredictable\nname (QOR_create_temporary_object).",
      kTmpnameOptions, 0, 2},
     {}};
 

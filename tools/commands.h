@@ -105,6 +105,32 @@ extern const char *const kTypeNames[5];
 int object_type(const Invocation &in, char letter, const char *path,
                 unsigned *type);
 
+// Runs the command line (COMMAND ARGUMENT...) and waits for it: its exit
+// status, or 128 plus the signal that ended it; 126 when it could not be
+// run, 127 when it was not found ("qor CMD: cannot run: ..." said so).
+int run_command(const Invocation &in, char **command);
+
+// Runs fn(arg) with the library's fatal handler armed, so that a fatal
+// error (the file layer's access failure, a state error of the txt
+// protocol) comes back here instead of ending the process with status 3.
+// True when fn returned; after a fatal error use fail_after_fatal. fn and
+// what it calls may keep no object with a destructor in their frames.
+bool run_guarded(void (*fn)(void *), void *arg);
+// After run_guarded answered false: "qor CMD: what: path: stopped by the
+// library's fatal error (see above)", and the process ends at once with
+// status 1. Whatever the library had open (handles, locks) was abandoned
+// half-way by the jump; leaving now releases it as a crash would, which
+// the protocols are made to survive.
+[[noreturn]] void fail_after_fatal(const Invocation &in, const char *what,
+                                   const char *path);
+
+// A private directory made beside target (same directory, so a rename
+// can put what is built in it into place): created by the library with an
+// unpredictable name and permission bits 0700, so nobody else can plant or
+// see anything in it. 0 with *dir set to its qor path (QOR_free), or the
+// library's status.
+int private_directory_beside(const char *target, char **dir);
+
 extern const Command foundation_commands[];
 extern const Command memory_commands[];
 extern const Command containers_commands[];
@@ -113,6 +139,8 @@ extern const Command objects_commands[];
 extern const Command objects2_commands[];
 extern const Command files_commands[];
 extern const Command process_commands[];
+extern const Command check_commands[];
+extern const Command fonts_commands[];
 
 // Tour steps: each shows its subsystem at work and returns 0 on success.
 int tour_foundation();
@@ -123,9 +151,15 @@ int tour_objects();
 int tour_objects2();
 int tour_files();
 int tour_process();
+int tour_check();
+int tour_fonts();
 
 // Prints a tour heading.
 void tour_heading(const char *title);
+// A new private directory for a tour step's files, made by the library in
+// the temporary directory under an unpredictable name: its host path
+// (QOR_free), or null.
+char *tour_directory(const char *prefix);
 
 // Registers the catalogue-backed message callbacks (see qor/catalog.h);
 // returns 0 when the catalogue was found.

@@ -24,15 +24,33 @@ namespace {
 
 extern const Command core_commands[];
 
+// One line per table and per tour step, so that adding one touches one
+// line.
 const Command *const kTables[] = {
-    core_commands,  foundation_commands, memory_commands,
-    containers_commands, paths_commands, objects_commands,
-    objects2_commands,   files_commands, process_commands,
+    core_commands,
+    foundation_commands,
+    memory_commands,
+    containers_commands,
+    paths_commands,
+    objects_commands,
+    objects2_commands,
+    check_commands,
+    files_commands,
+    process_commands,
+    fonts_commands,
 };
 
 int (*const kTour[])() = {
-    tour_foundation, tour_memory, tour_containers, tour_paths,
-    tour_objects,    tour_objects2, tour_files,  tour_process,
+    tour_foundation,
+    tour_memory,
+    tour_containers,
+    tour_paths,
+    tour_objects,
+    tour_objects2,
+    tour_check,
+    tour_files,
+    tour_process,
+    tour_fonts,
 };
 
 // Accepted by every subcommand, listed after its own options.
@@ -360,8 +378,10 @@ int print_man_page() {
            "operation failed (including a failed write to standard output)\n"
            ".TP\n.B 2\nusage: a bad command line (an unknown option, a missing "
            "or extra operand, a bad number);\na usage line is printed and "
-           "nothing is done\n.PP\n.B qor lock\nends with the status of the "
-           "command it ran.\n");
+           "nothing is done\n.PP\n.B qor lock\nand\n.B qor lockfile hold\n"
+           "end with the status of the command they ran;\n"
+           ".B qor lockfile test\nends with 1 when another process holds the "
+           "update right.\n");
     printf(".SH DIAGNOSTICS\nErrors go to standard error, one line each, in "
            "the form\n.PP\n.RS\nqor \\fIcommand\\fR: \\fIwhat failed\\fR: "
            "\\fIpath\\fR: \\fIreason\\fR\n.RE\n.PP\nThe library reports a "
@@ -370,8 +390,12 @@ int print_man_page() {
            "line follows it.\n");
     printf(".SH ENVIRONMENT\n.TP\n.B NLSPATH\nwhere the message catalogue "
            "qor.cat is looked for first.\n.TP\n.B QOR_ROOT\nthe root anchor "
-           "of qor paths.\n.TP\n.B QOR_TMP\nthe temporary directory.\n");
-    printf(".SH \"SEE ALSO\"\n.BR cp (1),\n.BR flock (1)\n");
+           "of qor paths.\n.TP\n.B QOR_TMP\nthe temporary directory.\n"
+           ".TP\n.B QOR_PATH\nwhere files such as fonts.alias are looked "
+           "for first.\n.TP\n.B QOR_TXT_SYNC\nwith the value 1, saves of "
+           "shared text files are made durable\n(as qor save \\-\\-sync).\n"
+           ".TP\n.B PATH\nwhere the shell finds the print spooler lp.\n");
+    printf(".SH \"SEE ALSO\"\n.BR cp (1),\n.BR flock (1),\n.BR lp (1)\n");
     return kExitOk;
 }
 

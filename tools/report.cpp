@@ -3,10 +3,15 @@
 // a usage line after a bad command line, detail only with -v.
 
 #include <errno.h>
-#include <qor/objects.h>
+#include <qor/qor.h>
+#include <setjmp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
 
 #include "commands.h"
 
@@ -113,6 +118,89 @@ int object_type(const Invocation &in, char letter, const char *path,
     const int s = QOR_type_of_object(path, type);
     if (s == 0) return 0;
     return fail_status(in, "cannot tell the type", path, s);
+}
+
+int run_command(const Invocation &in, char **command) {
+    fflush(stdout);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(errno));
+        return kExitFailed;
+    }
+    if (pid == 0) {
+        execvp(command[0], command);
+        const int error = errno;
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(error));
+        _exit(error == ENOENT ? 127 : 126);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return kExitFailed;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool run_guarded(void (*fn)(void *), void *arg) {
+    // volatile: read after the jump, which may have left registers stale.
+    volatile bool returned = false;
+    if (setjmp(QOR_fatal_handler) == 0) {
+        QOR_exception_handler_state = 1;
+        fn(arg);
+        returned = true;
+    }
+    QOR_exception_handler_state = 0;
+    return returned;
+}
+
+void fail_after_fatal(const Invocation &in, const char *what,
+                      const char *path) {
+    fprintf(stderr, "qor %s: %s: %s: stopped by the library's fatal error "
+                    "(see above)\n", in.command->name, what, path);
+    fflush(stdout);
+    fflush(stderr);
+    _exit(kExitFailed);
+}
+
+int private_directory_beside(const char *target, char **dir) {
+    *dir = nullptr;
+    char *os = QOR_qor_to_os(target, 0);
+    if (os == nullptr) return QOR_E_UNTRANSLATABLE;
+    std::string parent(os);
+    QOR_free(os);
+    while (parent.size() > 1 && parent.back() == '/') parent.pop_back();
+    const size_t slash = parent.rfind('/');
+    parent = slash == std::string::npos ? std::string(".")
+             : slash == 0               ? std::string("/")
+                                        : parent.substr(0, slash);
+    // The library makes temporary objects in the temporary directory,
+    // QOR_TMP, read at every call: point it at the target's directory for
+    // this one call.
+    const char *old = getenv("QOR_TMP");
+    const std::string saved = old != nullptr ? old : "";
+    setenv("QOR_TMP", parent.c_str(), 1);
+    int fd = -1;
+    const int s = QOR_create_temporary_object(".qor-", 1, "tmp", dir, &fd);
+    if (old != nullptr) {
+        setenv("QOR_TMP", saved.c_str(), 1);
+    } else {
+        unsetenv("QOR_TMP");
+    }
+    if (fd >= 0) close(fd);
+    return s;
+}
+
+char *tour_directory(const char *prefix) {
+    char *dir = nullptr;
+    int fd = -1;
+    if (QOR_create_temporary_object(prefix, 1, nullptr, &dir, &fd) != 0) {
+        return nullptr;
+    }
+    close(fd);
+    char *os = QOR_qor_to_os_dir(dir);
+    QOR_free(dir);
+    return os;
 }
 
 }  // namespace qor_tool

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "fake_spooler.h"
 #include "fault.h"
 #include "harness.h"
 #include "qor/qor.h"
@@ -43,27 +44,11 @@ class Print : public testing::Test {
     // Puts a fake lp in bin: it writes each argument on a line of its own
     // to the record file and ends with exit_status.
     void fake_lp(int exit_status = 0) const {
-        const std::string script = tmp_ / "bin/lp";
-        qor_test::write_file(
-            script, "#!/bin/sh\n: > '" + record() +
-                        "'\nfor a; do printf '%s\\n' \"$a\" >> '" + record() +
-                        "'; done\nexit " + std::to_string(exit_status) + "\n");
-        chmod(script.c_str(), 0755);
+        fake_spooler::install(tmp_ / "bin/lp", record(), exit_status);
     }
     std::string record() const { return tmp_ / "lp.args"; }
     // The argument vector the fake lp was given (without its name).
-    Args recorded() const {
-        Args out;
-        if (!qor_test::exists(record())) return {"<lp never ran>"};
-        const std::string text = qor_test::read_file(record());
-        size_t from = 0;
-        while (from < text.size()) {
-            const size_t nl = text.find('\n', from);
-            out.push_back(text.substr(from, nl - from));
-            from = nl + 1;
-        }
-        return out;
-    }
+    Args recorded() const { return fake_spooler::recorded(record()); }
 
     // Runs before() and then QOR_print in a child set up as described at
     // the top, with a message log; the status, the messages and the calls
