@@ -12,12 +12,24 @@
  * standard error stream ("Problem accessing file: ...") followed by the
  * library's exception with code 1, which ends the process with exit status
  * 3 unless the application armed its fatal handler. Callers see as results
- * only the outcomes listed with each function. Host calls are made again
- * on EINTR (101 calls in all), and creating opens and writes that meet a
- * full disc (ENOSPC) ask the disc-full handler first and are made again
- * while it answers 0. Using a handle of the wrong kind (a binary function
- * on a handle with a stream, or the reverse) is an assertion failure of
- * unit "qor_files": a fatal error with status 1.
+ * only the outcomes listed with each function. Calls that can be
+ * interrupted are made again on EINTR (101 calls in all), and creating
+ * opens and writes that meet a full disc (ENOSPC) ask the disc-full
+ * handler first and are made again while it answers 0. Using a handle of
+ * the wrong kind (a binary function on a handle with a stream, or the
+ * reverse) is an assertion failure of unit "qor_files": a fatal error with
+ * status 1.
+ *
+ * The openers take qor paths; a path that does not translate is the fatal
+ * error "Invalid path". They answer null when open fails with EACCES (and,
+ * for the read-only multiuser open, ENOENT); a missing file is an access
+ * failure for the plain openers. Files are opened with permission bits
+ * 0777 under the umask. The handle is the caller's until its close
+ * function: QOR_close_binary_file without a stream, QOR_close_text_file
+ * with one. A text opener attaches the stream with QOR_get_file_ptr and
+ * does not check the outcome: should fdopen fail, that is recorded
+ * (context 2116) and the handle comes back without a stream, as a binary
+ * handle.
  *
  * The descriptors opened here do not carry close-on-exec: a program
  * started while a handle is open inherits the descriptor. */
@@ -46,17 +58,6 @@ typedef QOR_contents_record QOR_file_handle;
 
 /* Access modes of the handles made here. */
 enum { QOR_FILE_READ_ONLY = 1, QOR_FILE_READ_WRITE = 36 };
-
-/* Openers take qor paths; a path that does not translate is the fatal
- * error "Invalid path". Null when open fails with EACCES (and, for the
- * read-only multiuser open, ENOENT); a missing file is an access failure
- * for the plain openers. Files are opened with permission bits 0777 under
- * the umask. The handle is the caller's until its close function:
- * QOR_close_binary_file without a stream, QOR_close_text_file with one.
- *
- * A text opener attaches the stream with QOR_get_file_ptr and does not
- * check the outcome: should fdopen fail, that is recorded (context 2116)
- * and the handle comes back without a stream, as a binary handle. */
 
 /* Opens the file for reading and writing (O_RDWR|O_CREAT), creating it
  * when missing and keeping what it holds: access mode 36, no stream. */
@@ -123,9 +124,10 @@ QOR_API void QOR_close_binary_file(QOR_file_handle *handle);
 /* Writes the text to the stream (fputs) and returns fputs's result: a
  * non-negative number (1 with the GNU C library), not 0, so do not compare
  * it with QOR_OK. A failed write is an access failure (a full disc asks
- * the disc-full handler first), so EOF never comes back. The text is
- * buffered until the next flush, rewind or close. A binary handle is the
- * fatal error "QOR_write_text_string called for binary file". */
+ * the disc-full handler first), so EOF never comes back. The stream
+ * buffers the text: it reaches the file at the latest at the next flush,
+ * rewind or close. A binary handle is the fatal error
+ * "QOR_write_text_string called for binary file". */
 QOR_API int QOR_write_text_string(QOR_file_handle *handle, const char *text);
 /* fgets: 1 when a line, or its first size-1 bytes, was read; 0 at the end
  * of the file. The line keeps its newline; the rest of a longer line comes
@@ -158,10 +160,11 @@ QOR_API void QOR_close_text_file(QOR_file_handle *handle);
  * file". */
 QOR_API int QOR_clear_file(QOR_file_handle *handle);
 
-/* Queries on OS paths. The link text comes from basic space (QOR_free);
- * null when the path is not a symbolic link (EINVAL). Texts over 1000
- * bytes are cut at 1000. Any other failure, a missing path among them, is
- * the fatal error "Unable to read link". */
+/* The text of the symbolic link at the OS path (readlink), from basic
+ * space (QOR_free); null when the path is not a symbolic link (EINVAL).
+ * Texts over 1000 bytes are cut at 1000. Any other failure, a missing path
+ * among them, is the fatal error "Unable to read link". This query and the
+ * ones down to QOR_delete_file take OS paths, not qor paths. */
 QOR_API char *QOR_read_symlink(const char *os_path);
 /* 1 when the path itself is a symbolic link (lstat: the link is not
  * followed, so a dangling one counts), else 0, also when lstat fails. */
@@ -216,8 +219,8 @@ QOR_API int QOR_test_lock(QOR_file_handle *handle);
  * its stream, as a binary handle. */
 QOR_API int QOR_upgrade_lock(QOR_file_handle *handle);
 /* Releases byte 1, the update right, without waiting; 1, lock state 0. A
- * deferred handle whose file still cannot be read answers 1 without a
- * system call. */
+ * deferred handle whose file still cannot be read answers 1 without
+ * locking anything. */
 QOR_API int QOR_downgrade_lock(QOR_file_handle *handle);
 /* Takes a read lock on byte 0, waiting while another process holds it for
  * writing (an updater at work); 1. A write lock this process held there
@@ -269,8 +272,9 @@ typedef struct QOR_txt_handle {
  * read_only, lock, no truncation) and returns a handle in state idle. A
  * writer (read_only 0) creates a missing file; with lock it takes the
  * update right without waiting, which keeps every other locking writer
- * out until QOR_txt_close. A writer without lock holds nothing: nothing
- * then keeps a second writer from saving at the same time. Null when the
+ * out until QOR_txt_close. A writer without lock holds nothing at the
+ * open and gets lock state 3 all the same: the saves of such writers take
+ * turns on byte 0, but none of them is kept out. Null when the
  * multiuser open answers null (another writer holds the update right; a
  * read-only open of a missing file; EACCES). */
 QOR_API QOR_txt_handle *QOR_txt_open(const char *path, unsigned int read_only,
