@@ -35,7 +35,8 @@ cp "$input"/*.h "$tmp/qor/"
 # The canary is the header's last declaration, just before the closing of
 # its extern "C" block: the place where a comment after it (the guard's
 # "#endif /* QOR_MEMORY_H */") could pass for its documentation.
-last=$(grep -n '^#ifdef __cplusplus' "$tmp/qor/memory.h" | tail -n 1 | cut -d: -f1)
+last=$(grep -n '^#ifdef __cplusplus' "$tmp/qor/memory.h" | tail -n 1 |
+       cut -d: -f1)
 sed -i "${last}i QOR_API int QOR_canary_without_comment(int x);" \
     "$tmp/qor/memory.h"
 sed -e "s#^INPUT .*#INPUT = $tmp/qor#" \
