@@ -335,8 +335,9 @@ QOR_API int QOR_txt_clear_file(QOR_txt_handle *txt);
  * releases byte 0 and goes back to idle. Returns the result of
  * QOR_clear_lock, 1, not 0. With QOR_TXT_SYNC=1 the new contents are
  * durable before "P.ctrl" goes. Either file missing (removed by hand) is
- * an access failure. The update right stays held until QOR_txt_close. Any
- * state but saving is the fatal error "Unexpected end save". */
+ * an access failure. The update right, when the open took it, stays held
+ * until QOR_txt_close. Any state but saving is the fatal error "Unexpected
+ * end save". */
 QOR_API int QOR_txt_end_save(QOR_txt_handle *txt);
 /* Closes the file, which releases every lock this process holds on it
  * (the update right included), and frees the handle. Any state but idle
