@@ -33,10 +33,8 @@ set_tests_properties(docs.pages_name_declared_functions PROPERTIES LABELS docs)
 # checks of examples/NAME.checks. Sanitizer builds skip them, as they skip
 # the packaging checks: a plain C program cannot link an instrumented
 # library without the sanitizer runtime.
-set(QOR_EXAMPLES fatal_and_messages options_and_atoms)
-# Examples of interfaces still being built (text files, running programs);
-# they join the list once those are on main:
-# list(APPEND QOR_EXAMPLES text_save run_program)
+set(QOR_EXAMPLES fatal_and_messages options_and_atoms text_save
+    run_program)
 if(NOT QOR_SANITIZE AND QOR_EXAMPLES)
   set(_prefix ${PROJECT_BINARY_DIR}/examples/prefix)
   add_test(NAME examples.install

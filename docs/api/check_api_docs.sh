@@ -32,9 +32,13 @@ fi
 input=$(sed -n 's/^INPUT *= *//p' "$doxyfile")
 mkdir "$tmp/qor" "$tmp/out"
 cp "$input"/*.h "$tmp/qor/"
-cat >>"$tmp/qor/memory.h" <<'H'
-QOR_API int QOR_canary_without_comment(int x);
-H
+# The canary is the header's last declaration, just before the closing of
+# its extern "C" block: the place where a comment after it (the guard's
+# "#endif /* QOR_MEMORY_H */") could pass for its documentation.
+last=$(grep -n '^#ifdef __cplusplus' "$tmp/qor/memory.h" | tail -n 1 |
+       cut -d: -f1)
+sed -i "${last}i QOR_API int QOR_canary_without_comment(int x);" \
+    "$tmp/qor/memory.h"
 sed -e "s#^INPUT .*#INPUT = $tmp/qor#" \
     -e "s#^OUTPUT_DIRECTORY .*#OUTPUT_DIRECTORY = $tmp/out#" \
     -e "s#$input/#$tmp/qor/#g" "$doxyfile" >"$tmp/Doxyfile"

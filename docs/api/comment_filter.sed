@@ -9,12 +9,16 @@
 # - A comment on lines of its own describes what follows it.
 # - A banner on one line of its own ("/* ---- Links ---- */") only
 #   separates sections and stays a plain comment.
+# - A comment on a preprocessor line ("#endif /* QOR_FILES_H */") stays
+#   plain too: it names the guard, it does not describe the declaration
+#   before it.
 # - Banner lines ("/* ----" and "/* ====") only name a section: the words
 #   stay, the rules of dashes or equals signs go.
 0,/\/\*/{
   /^[[:space:]]*\/\*[^*]/ s#/\*#/** @file\n#
 }
 /^[[:space:]]*\/\* *[-=]\{3,\}.*\*\/[[:space:]]*$/b
+/^[[:space:]]*#/b
 /[^[:space:]].*\/\*[^*]/ s#/\*\([^*]\)#/**<\1#
 /^[[:space:]]*\/\*[^*]/ s#/\*\([^*]\)#/**\1#
 s#^\([[:space:]]*/\*\*\) *[-=]\{3,\} *\(.*[^-= ]\) *[-=]*#\1 \2#

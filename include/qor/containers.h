@@ -411,6 +411,9 @@ QOR_API QOR_TABLE_SEQ *QOR_TABLE_SEQ_create(QOR_TABLE *table);
 
 /* Every entry once, then null for ever. */
 QOR_API QOR_TABLE_entry *QOR_TABLE_SEQ_next(QOR_TABLE_SEQ *sequence);
+/* Closes the sequence: its record goes back to the pool and it leaves its
+ * table's list. Closing one twice is the fatal error of message 1 with
+ * parameter 202 (status 2001), caught before the table is touched. */
 QOR_API void QOR_TABLE_SEQ_destroy(QOR_TABLE_SEQ *sequence);
 
 #ifdef __cplusplus

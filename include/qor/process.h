@@ -38,9 +38,12 @@ QOR_API const char *QOR_process_owner_name(void);
  * with the body's host path; the caller's vector is left as it is. A null
  * vector runs the body with no arguments.
  *
- * Only the caller's own descriptors reach the program: the library opens
- * every descriptor close-on-exec. Standard streams are flushed before the
- * child is made, so buffered output is neither lost nor written twice.
+ * The descriptors of the object store (qor/objects.h) and of temporary
+ * objects are opened close-on-exec and do not reach the program; those of
+ * the file layer (qor/files.h) are not, so a file, lock or txt handle open
+ * at the start is inherited by the program. Standard streams are flushed
+ * before the child is made, so buffered output is neither lost nor written
+ * twice.
  *
  * Statuses: 2052 without a message when the program is not found; 2051
  * when its path does not translate; ENOENT recorded (2052, context 2121)
