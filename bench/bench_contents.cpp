@@ -209,7 +209,8 @@ void BM_RawFcntlConvert(benchmark::State &state) {
 
 // ---- Copying a file ---------------------------------------------------------
 
-// The source of the given size, made once per process: each MiB differs.
+// The source of the given size, made once per process (each MiB differs),
+// in the page cache and clean.
 std::string source_of(int64_t bytes) {
     const std::string name = "src_" + std::to_string(bytes);
     static std::vector<int64_t> made;
@@ -226,6 +227,10 @@ std::string source_of(int64_t bytes) {
             std::min<int64_t>(bytes - done, static_cast<int64_t>(chunk.size())));
         check(fwrite(chunk.data(), 1, n, f) == n, "source write");
     }
+    // Written back before any copy is timed: a source whose pages are
+    // still dirty makes the first copies of it wait for the write-back
+    // (seconds for 256 MiB, and for one contender only).
+    check(fflush(f) == 0 && fsync(fileno(f)) == 0, "source sync");
     check(fclose(f) == 0, "source close");
     made.push_back(bytes);
     return name;
