@@ -187,6 +187,16 @@ TEST_F(KernelCopy, AFirstAnswerOf0IsCheckedByReading) {
     EXPECT_TRUE(log.messages.empty());
 }
 
+TEST_F(KernelCopy, AFileOfAPseudoFileSystemIsCopiedWhole) {
+    // /proc/version reports a size of 0 and is read all the same.
+    const std::string expected = qor_test::read_file("/proc/version");
+    ASSERT_FALSE(expected.empty());
+    MessageLog log;
+    EXPECT_EQ(QOR_copy_object("@/proc/version", 0, qor("t").c_str()), 0);
+    EXPECT_EQ(qor_test::read_file(os("t")), expected);
+    EXPECT_TRUE(log.messages.empty());
+}
+
 TEST_F(KernelCopy, ShortKernelCopiesGoOnFromWhereTheyStopped) {
     const std::string data = random_bytes(50000, 6);
     qor_test::write_file(os("s"), data);
