@@ -23,17 +23,38 @@ namespace {
 using namespace qor::objects;
 using qor::host::record_errno;
 
-// Every file copy passes through this one buffer.
+// A copy the host cannot make in the kernel passes through this one buffer.
 constexpr size_t kCopyBufferSize = 4096;
 constinit char copy_buffer[kCopyBufferSize];
+
+// Bytes asked of one copy_file_range call: about the most the kernel moves
+// in one call anyway, so a file of any size takes few calls.
+constexpr size_t kKernelCopyChunk = size_t{1} << 30;
 
 // errno 66 is how some hosts report a directory that is not empty.
 constexpr int kOtherNotEmpty = 66;
 
+// After a transfer into the target failed (errno says how), tells whether
+// to make it again: an interruption is made again up to 101 calls in a row;
+// a full disc asks the disc-full handler and is made again while it
+// answers 0, the count starting over. False leaves errno as the failure to
+// act on (ENOSPC when the handler gave up, whatever it did to errno).
+bool transfer_again(int *calls, const char *target_path) {
+    ++*calls;
+    if (errno == EINTR) return *calls < qor::host::kEintrCalls;
+    if (errno != ENOSPC) return false;
+    if (QOR_call_disc_full_handler(ENOSPC, target_path,
+                                   QOR_CTX_COPY_CONTENTS) == 0) {
+        *calls = 0;
+        return true;
+    }
+    errno = ENOSPC;
+    return false;
+}
+
 // Writes n bytes of the copy buffer out whole. A short write goes on with
-// the rest, an interruption is made again up to 101 calls in a row and a
-// full disc asks the handler; anything else is recorded against the
-// target.
+// the rest; interruptions and a full disc as transfer_again says; anything
+// else is recorded against the target.
 int write_whole(const QOR_contents_record *target, size_t n) {
     const char *p = copy_buffer;
     int calls = 0;
@@ -45,25 +66,17 @@ int write_whole(const QOR_contents_record *target, size_t n) {
             calls = 0;
             continue;
         }
-        ++calls;
-        if (w < 0 && errno == EINTR && calls < qor::host::kEintrCalls) {
-            continue;
-        }
-        if (w < 0 && errno == ENOSPC &&
-            QOR_call_disc_full_handler(ENOSPC, target->path,
-                                       QOR_CTX_COPY_CONTENTS) == 0) {
-            calls = 0;
-            continue;
-        }
+        if (w < 0 && transfer_again(&calls, target->path)) continue;
         if (w == 0) errno = EIO;  // a write that moves nothing will not end
         return record_errno(target->path, QOR_CTX_COPY_CONTENTS);
     }
     return 0;
 }
 
-// Copies everything the source holds into the target.
-int copy_data(const QOR_contents_record *source,
-              const QOR_contents_record *target) {
+// Copies through the buffer, from where both files stand, until the source
+// reads 0.
+int copy_through_buffer(const QOR_contents_record *source,
+                        const QOR_contents_record *target) {
     for (;;) {
         const ssize_t n = qor::host::retry_eintr(
             [&] { return read(source->fd, copy_buffer, kCopyBufferSize); });
@@ -72,6 +85,57 @@ int copy_data(const QOR_contents_record *source,
         const int status = write_whole(target, static_cast<size_t>(n));
         if (status != 0) return status;
     }
+}
+
+// Lets the kernel copy from where both files stand (a file system with
+// reflinks shares the blocks; others copy without a trip through user
+// memory). Answers true when it has copied to the end of the source or met
+// a failure it recorded in *status; false hands the rest to the buffer
+// loop, the files standing after what was copied.
+//
+// Whether the kernel copies is decided by its answer to the first call of
+// each copy: it refuses whole pairs of files (ENOSYS on an old kernel,
+// EXDEV across file systems, EINVAL or EBADF for a file it cannot splice,
+// EOPNOTSUPP), never a position, so one call per copy asks it, and no
+// process-wide memory of an earlier answer is needed. A first call that
+// copies nothing is not trusted as the end either: files of pseudo file
+// systems answer 0 while read still gives data, so the loop reads on (an
+// empty file costs one read more).
+//
+// The loop also takes over after any other failure: copy_file_range does
+// not say which of the two files failed, and the loop, meeting the failure
+// again in its read or its write, records it against that file with the
+// same errno and context as a copy through the buffer always has. Only a
+// full disc is handled here, as the loop does: the disc-full handler with
+// the target's path and context 2108, made again while it answers 0, and
+// continuing where the short copy stopped.
+bool copy_in_kernel(const QOR_contents_record *source,
+                    const QOR_contents_record *target, int *status) {
+    bool copied = false;
+    int calls = 0;
+    for (;;) {
+        const ssize_t n = copy_file_range(source->fd, nullptr, target->fd,
+                                          nullptr, kKernelCopyChunk, 0);
+        if (n > 0) {
+            copied = true;
+            calls = 0;
+            continue;
+        }
+        if (n == 0) return copied;
+        if (transfer_again(&calls, target->path)) continue;
+        if (errno != ENOSPC) return false;
+        *status = record_errno(target->path, QOR_CTX_COPY_CONTENTS);
+        return true;
+    }
+}
+
+// Copies everything the source holds into the target, in the kernel where
+// the host will, else through the buffer.
+int copy_data(const QOR_contents_record *source,
+              const QOR_contents_record *target) {
+    int status = 0;
+    if (copy_in_kernel(source, target, &status)) return status;
+    return copy_through_buffer(source, target);
 }
 
 // Copies one file, the target locked exclusively and emptied only once the

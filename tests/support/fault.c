@@ -439,6 +439,30 @@ FD_CALL(fork, pid_t, (void), ())
 PATH_CALL(execv, int, (const char *p, char *const argv[]), (p, argv), p)
 FD_CALL(wait, pid_t, (int *st), (st))
 
+/* A transfer into fd_out, so a mutating call; see fault.h for its refusal
+ * while read or write is armed. */
+ssize_t copy_file_range(int fd_in, off_t *off_in, int fd_out, off_t *off_out,
+                        size_t n, unsigned int flags) {
+    typedef ssize_t (*real_t)(int, off_t *, int, off_t *, size_t, unsigned int);
+    switch (decide(QF_copy_file_range, NULL)) {
+        case 1: FAIL_WITH(copy_file_range, -1);
+        case 2:
+            if (plans[QF_copy_file_range].max_bytes == 0) return 0;
+            if ((size_t)plans[QF_copy_file_range].max_bytes < n)
+                n = (size_t)plans[QF_copy_file_range].max_bytes;
+            break;
+        case 3: return (ssize_t)plans[QF_copy_file_range].result;
+        default: break;
+    }
+    if (plans[QF_read].count != 0 || plans[QF_write].count != 0) {
+        errno = ENOSYS;
+        return -1;
+    }
+    mutation(QF_copy_file_range, NULL, fd_out, 0);
+    return ((real_t)real(QF_copy_file_range))(fd_in, off_in, fd_out, off_out,
+                                              n, flags);
+}
+
 __attribute__((constructor)) static void fault_init(void) {
     for (int i = 0; i < QF_COUNT; i++) plans[i].max_bytes = -1;
 }

@@ -19,7 +19,8 @@ extern "C" {
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
     X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
-    X(fdatasync) X(fchown) X(getlogin) X(uname) X(fork) X(execv) X(wait)
+    X(fdatasync) X(fchown) X(getlogin) X(uname) X(fork) X(execv) X(wait) \
+    X(copy_file_range)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
@@ -31,8 +32,13 @@ typedef enum qor_fault_fn {
 /* After `skip` calls pass through, the next `count` calls of fn fail with
  * errno err (count -1: every call from then on). */
 void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count);
-/* read/write/pread/pwrite: after `skip` calls, the next `count` calls
- * transfer at most max_bytes (0 means: transfer nothing, return 0). */
+/* read/write/pread/pwrite/copy_file_range: after `skip` calls, the next
+ * `count` calls transfer at most max_bytes (0 means: transfer nothing,
+ * return 0).
+ * copy_file_range refuses with ENOSYS (as a kernel without it does) while
+ * a plan for read or write is armed, so that those plans reach the read
+ * and write of a copy through a buffer; the refusal is counted as a call,
+ * not as an injection. */
 void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
 /* Calls that return an integer and take a path or a descriptor (not
  * read/write/pread/pwrite): after `skip` calls, the next `count` calls
@@ -53,7 +59,8 @@ long qor_fault_calls(qor_fault_fn fn);
 long qor_fault_injected(qor_fault_fn fn);
 
 /* Mutating host calls: open with O_CREAT, O_TRUNC, O_WRONLY or O_RDWR;
- * write, pwrite, ftruncate, fsync, fdatasync, unlink, remove, rename,
+ * write, pwrite, copy_file_range (fd: the target), ftruncate, fsync,
+ * fdatasync, unlink, remove, rename,
  * mkdir, rmdir; fputs; fflush and fclose of a stream with output pending.
  * Each one is counted and shown to the hook (when set) before it is made:
  * path is the name for the path calls, null otherwise; fd the descriptor
