@@ -62,6 +62,21 @@ inline auto retry_disc_full(F call, const char *os_path, int context)
     }
 }
 
+// Makes a lookup that answers null for "not found" (getpwuid, getgrgid),
+// clearing errno before each try so that a miss is told from a failure, and
+// tries again while it was interrupted, 101 tries at most. errno is left as
+// the last try set it.
+template <class F>
+inline auto retry_lookup(F lookup) -> decltype(lookup()) {
+    decltype(lookup()) found = nullptr;
+    for (int tries = 0; tries < kEintrCalls; ++tries) {
+        errno = 0;
+        found = lookup();
+        if (found != nullptr || errno != EINTR) break;
+    }
+    return found;
+}
+
 // Records the current errno against a path and an operation; returns the
 // status the errno value maps to.
 inline int record_errno(const char *path, int context) {

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "foundation/host.h"
+#include "foundation/host_files.h"
 #include "foundation/internal.h"
 #include "objects/object_paths.h"
 #include "qor/objects.h"
@@ -277,9 +278,16 @@ int set_entry(ObjectPaths *paths, const Check &c, int permission_class,
     const mode_t bits = class_bits(c.mode, permission_class);
     const mode_t now = st.st_mode & 07777;
     if (grant ? (now & bits) == bits : (now & bits) == 0) return 0;
-    if (chmod(os, grant ? now | bits : now & ~bits) != 0) {
-        return qor::host::record_errno(os, QOR_CTX_SET_PERMISSIONS);
-    }
+    const mode_t mode = grant ? now | bits : now & ~bits;
+    // The object's own file or directory is the caller's to name, links
+    // included; a member is changed only through a checked descriptor, so
+    // a link or a device planted at its name is refused, never changed.
+    const bool member = c.mapper == lock_ || c.mapper == body_ ||
+                        c.mapper == index_;
+    const int r = member ? qor::host::chmod_member(os, mode)
+                         : qor::host::retry_eintr(
+                               [&] { return chmod(os, mode); });
+    if (r != 0) return qor::host::record_errno(os, QOR_CTX_SET_PERMISSIONS);
     return 0;
 }
 
@@ -365,19 +373,6 @@ constexpr size_t kIdentitySize = 48;
 
 // ---- Names of ids ------------------------------------------------------------
 
-// Looks an id up, clearing errno before each try and trying again while
-// the lookup is interrupted, 101 tries at most.
-template <class Lookup>
-auto look_up(Lookup lookup) -> decltype(lookup()) {
-    decltype(lookup()) found = nullptr;
-    for (int tries = 0; tries < qor::host::kEintrCalls; ++tries) {
-        errno = 0;
-        found = lookup();
-        if (found != nullptr || errno != EINTR) break;
-    }
-    return found;
-}
-
 // The ids are sign-extended for the host: -1 stays -1.
 uid_t host_uid(const QOR_ownership &o) {
     return static_cast<uid_t>(static_cast<int>(o.user));
@@ -394,10 +389,12 @@ char *copy_name(const char *name, bool in_shared) {
 
 int ownership_names(const QOR_ownership *o, QOR_ownership_names *names,
                     bool in_shared) {
-    const struct passwd *pw = look_up([&] { return getpwuid(host_uid(*o)); });
+    const struct passwd *pw =
+        qor::host::retry_lookup([&] { return getpwuid(host_uid(*o)); });
     if (pw == nullptr) return QOR_E_INVALID;
     char *user = copy_name(pw->pw_name, in_shared);
-    const struct group *gr = look_up([&] { return getgrgid(host_gid(*o)); });
+    const struct group *gr =
+        qor::host::retry_lookup([&] { return getgrgid(host_gid(*o)); });
     if (gr == nullptr) {
         // A user name in the shared freestore goes with the caller's mark.
         if (!in_shared) QOR_free(user);

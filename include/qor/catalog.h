@@ -45,6 +45,9 @@
  * - else the installed catalogue, found relative to where libqor_msg itself
  *   was loaded from (<libdir>/../share/qor/qor.cat in a usual install), so
  *   an install to any prefix, or one moved elsewhere, finds its messages.
+ *
+ * Not thread-safe: the installed catalogue and the callback registry are
+ * process-wide. Install once, early, from the main thread.
  */
 #ifndef QOR_CATALOG_H
 #define QOR_CATALOG_H

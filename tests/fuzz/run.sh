@@ -1,13 +1,22 @@
 #!/bin/sh
-# Runs the path fuzz target for a bounded time: run.sh [SECONDS] [BUILD_DIR]
-# Builds it first (clang, ASan and UBSan), or brings BUILD_DIR up to date.
-# New inputs go to a scratch corpus; the seeds in corpus/ are only read.
+# Runs every fuzz target for a bounded time: run.sh [SECONDS] [BUILD_DIR]
+# SECONDS (default 60) is the whole budget, shared out equally between the
+# targets (tests/fuzz/fuzz_*.cpp). Builds them first (clang, ASan and
+# UBSan), or brings BUILD_DIR up to date. Each target reads the seeds of its
+# corpus (corpus/ for fuzz_paths, corpus_X/ for fuzz_X) and writes new
+# inputs to a scratch corpus only. Any crash, leak, violated check or hang
+# (-timeout) fails the run.
 set -eu
 seconds=${1:-60}
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 build=${2:-$src/build-fuzz}
-target=$build/tests/fuzz/fuzz_paths
+mkdir -p "$build"
+build=$(cd "$build" && pwd)  # the targets run from a scratch directory
+targets=$(cd "$here" && ls fuzz_*.cpp | sed 's/\.cpp$//')
+count=$(echo "$targets" | wc -w)
+each=$((seconds / count))
+[ "$each" -ge 1 ] || each=1
 if [ ! -f "$build/CMakeCache.txt" ]; then
     CC=clang CXX=clang++ cmake -S "$src" -B "$build" -G Ninja \
         -DQOR_FUZZ=ON -DQOR_SANITIZE=address,undefined \
@@ -17,15 +26,25 @@ fi
 # The build's own output is kept for a failure: ninja prints compiler errors
 # on standard output.
 log=$(mktemp)
-if ! cmake --build "$build" --target fuzz_paths >"$log" 2>&1; then
+# shellcheck disable=SC2086
+if ! cmake --build "$build" --target $targets >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
-    echo "run.sh: building the fuzz target failed" >&2
+    echo "run.sh: building the fuzz targets failed" >&2
     exit 1
 fi
 rm -f "$log"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT INT TERM
 cd "$scratch"
-"$target" -max_total_time="$seconds" -max_len=6000 -timeout=10 \
-    -rss_limit_mb=2048 -print_final_stats=1 "$scratch" "$here/corpus"
+for t in $targets; do
+    case $t in
+        fuzz_paths) seeds=$here/corpus ;;
+        *) seeds=$here/corpus_${t#fuzz_} ;;
+    esac
+    mkdir -p "$scratch/$t"
+    echo "run.sh: $t for ${each}s"
+    "$build/tests/fuzz/$t" -max_total_time="$each" -max_len=6000 \
+        -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+        "$scratch/$t" "$seeds"
+done

@@ -19,6 +19,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
@@ -30,6 +31,8 @@ struct plan {
     int count; /* remaining failures; -1 endless; 0 disarmed */
     int err;
     long max_bytes; /* >= 0: short transfer instead of a failure */
+    int has_result; /* return result instead of failing */
+    long result;
     char filter[256];
 };
 
@@ -69,7 +72,8 @@ static void *real(qor_fault_fn fn) {
     return reals[fn];
 }
 
-/* Decides the fate of one call: 0 pass through, 1 fail with errno, 2 short. */
+/* Decides the fate of one call: 0 pass through, 1 fail with errno, 2 short,
+ * 3 return the planned result. */
 static int decide(qor_fault_fn fn, const char *path) {
     struct plan *p = &plans[fn];
     p->calls++;
@@ -82,6 +86,7 @@ static int decide(qor_fault_fn fn, const char *path) {
     }
     if (p->count > 0) p->count--;
     p->injected++;
+    if (p->has_result) return 3;
     return p->max_bytes >= 0 ? 2 : 1;
 }
 
@@ -115,11 +120,20 @@ void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count) {
     plans[fn].skip = skip;
     plans[fn].count = count;
     plans[fn].max_bytes = -1;
+    plans[fn].has_result = 0;
+}
+void qor_fault_result(qor_fault_fn fn, long value, int skip, int count) {
+    plans[fn].skip = skip;
+    plans[fn].count = count;
+    plans[fn].max_bytes = -1;
+    plans[fn].has_result = 1;
+    plans[fn].result = value;
 }
 void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count) {
     plans[fn].skip = skip;
     plans[fn].count = count;
     plans[fn].max_bytes = max_bytes;
+    plans[fn].has_result = 0;
 }
 void qor_fault_filter_path(qor_fault_fn fn, const char *text) {
     plans[fn].filter[0] = '\0';
@@ -133,6 +147,7 @@ void qor_fault_reset(void) {
         plans[i].calls = plans[i].injected = 0;
         plans[i].skip = plans[i].count = plans[i].err = 0;
         plans[i].max_bytes = -1;
+        plans[i].has_result = 0;
         plans[i].filter[0] = '\0';
     }
     mutation_hook = NULL;
@@ -150,7 +165,11 @@ long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
 #define PATH_CALL(fn, ret, params, args, path)                  \
     ret fn params {                                             \
         typedef ret (*real_t) params;                           \
-        if (decide(QF_##fn, path) == 1) FAIL_WITH(fn, (ret)-1); \
+        switch (decide(QF_##fn, path)) {                        \
+            case 1: FAIL_WITH(fn, (ret)-1);                     \
+            case 3: return (ret)plans[QF_##fn].result;          \
+            default: break;                                     \
+        }                                                       \
         return ((real_t)real(QF_##fn)) args;                    \
     }
 #define FD_CALL(fn, ret, params, args) PATH_CALL(fn, ret, params, args, NULL)
@@ -210,6 +229,7 @@ FD_CALL(dup, int, (int fd), (fd))
 FD_CALL(dup2, int, (int fd, int fd2), (fd, fd2))
 FD_CALL(fstat, int, (int fd, struct stat *st), (fd, st))
 FD_CALL(fchmod, int, (int fd, mode_t mode), (fd, mode))
+FD_CALL(fchown, int, (int fd, uid_t u, gid_t g), (fd, u, g))
 FD_CALL(getgroups, int, (int size, gid_t list[]), (size, list))
 PATH_CALL(stat, int, (const char *p, struct stat *st), (p, st), p)
 PATH_CALL(lstat, int, (const char *p, struct stat *st), (p, st), p)
@@ -283,8 +303,21 @@ int fflush(FILE *f) {
     if (stream_pending(f)) mutation(QF_fflush, NULL, fileno(f), 0);
     return ((int (*)(FILE *))real(QF_fflush))(f);
 }
+/* A failing fgets sets the stream's error indicator, as a failed read
+ * does (a write to the read-only stream is the portable way to set it); a
+ * planned result answers null with errno set to the value and leaves both
+ * indicators alone. */
 char *fgets(char *s, int n, FILE *f) {
-    if (decide(QF_fgets, NULL) == 1) FAIL_WITH(fgets, NULL);
+    switch (decide(QF_fgets, NULL)) {
+        case 1:
+            (void)fputc(0, f);
+            FAIL_WITH(fgets, NULL);
+        case 3:
+            errno = (int)plans[QF_fgets].result;
+            return NULL;
+        default:
+            break;
+    }
     return ((char *(*)(char *, int, FILE *))real(QF_fgets))(s, n, f);
 }
 int fputs(const char *s, FILE *f) {
@@ -396,6 +429,15 @@ int __getgroups_chk(int size, gid_t list[], size_t room) {
     if (size > 0 && (size_t)size * sizeof(gid_t) > room) buffer_overflow();
     return getgroups(size, list);
 }
+
+char *getlogin(void) {
+    if (decide(QF_getlogin, NULL) == 1) FAIL_WITH(getlogin, NULL);
+    return ((char *(*)(void))real(QF_getlogin))();
+}
+FD_CALL(uname, int, (struct utsname * u), (u))
+FD_CALL(fork, pid_t, (void), ())
+PATH_CALL(execv, int, (const char *p, char *const argv[]), (p, argv), p)
+FD_CALL(wait, pid_t, (int *st), (st))
 
 __attribute__((constructor)) static void fault_init(void) {
     for (int i = 0; i < QF_COUNT; i++) plans[i].max_bytes = -1;

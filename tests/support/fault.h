@@ -19,7 +19,7 @@ extern "C" {
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
     X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
-    X(fdatasync)
+    X(fdatasync) X(fchown) X(getlogin) X(uname) X(fork) X(execv) X(wait)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
@@ -34,6 +34,13 @@ void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count);
 /* read/write/pread/pwrite: after `skip` calls, the next `count` calls
  * transfer at most max_bytes (0 means: transfer nothing, return 0). */
 void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
+/* Calls that return an integer and take a path or a descriptor (not
+ * read/write/pread/pwrite): after `skip` calls, the next `count` calls
+ * return value without being made, errno untouched. For results the host
+ * gives only rarely (a raw 127 from system, a fork that "returns" in a
+ * child, ...). fgets answers null with errno set to value, the stream's
+ * indicators untouched (a failing fgets sets the error indicator). */
+void qor_fault_result(qor_fault_fn fn, long value, int skip, int count);
 /* Only calls whose path argument contains text are affected (and counted as
  * matching); null removes the filter. */
 void qor_fault_filter_path(qor_fault_fn fn, const char *text);
