@@ -254,30 +254,6 @@ int cmd_rm(Invocation &in) {
 
 // ---- lock ------------------------------------------------------------------------
 
-// Runs the command with its arguments and waits for it: its exit status,
-// or 128 plus the signal that ended it; 126/127 when it could not be run.
-int run_command(char **command) {
-    fflush(stdout);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
-                strerror(errno));
-        return kExitFailed;
-    }
-    if (pid == 0) {
-        execvp(command[0], command);
-        const int error = errno;
-        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
-                strerror(error));
-        _exit(error == ENOENT ? 127 : 126);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return kExitFailed;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // A plain file (or a name not yet taken) is locked as flock(1) locks it: a
 // whole-file lock on the file itself, made if missing.
 int lock_plain_file(const Invocation &in, const char *path, char **command) {
@@ -311,7 +287,7 @@ int lock_plain_file(const Invocation &in, const char *path, char **command) {
             operation & LOCK_SH ? "shared" : "exclusive");
     // The descriptor is close-on-exec: the command does not inherit it, and
     // the lock lasts as long as this process waits for the command.
-    const int code = run_command(command);
+    const int code = run_command(in, command);
     while ((r = flock(fd, LOCK_UN)) != 0 && errno == EINTR) {
     }
     const int error = errno;
@@ -342,7 +318,7 @@ int cmd_lock(Invocation &in) {
     int s = QOR_lock_object(path, type, request);
     if (s != 0) return fail_status(in, "cannot lock", path, s);
     verbose(in, "locked '%s' (%s)\n", path, shared ? "shared" : "exclusive");
-    const int code = run_command(command);
+    const int code = run_command(in, command);
     while ((s = QOR_unlock_object(path, type)) == QOR_E_INTERRUPTED) {
     }
     if (s != 0) return fail_status(in, "cannot unlock", path, s);

@@ -74,6 +74,11 @@ int fail_errno(const Invocation &in, const char *what, const char *path,
 void verbose(const Invocation &in, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// Runs the command with its arguments and waits for it: its exit status,
+// or 128 plus the signal that ended it; 126/127 when it could not be run
+// ("qor CMD: cannot run: NAME: reason" on standard error).
+int run_command(const Invocation &in, char **command);
+
 // The reason part of a status: the catalogue's wording when it has one
 // ("it does not exist"), else the tool's own description.
 const char *status_reason(int status);

@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "commands.h"
 
@@ -15,6 +17,28 @@ namespace qor_tool {
 const char *const kTypeNames[5] = {"plain_file", "plain_directory",
                                    "lockable_directory", "cdir",
                                    "idle_object"};
+
+int run_command(const Invocation &in, char **command) {
+    fflush(stdout);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(errno));
+        return kExitFailed;
+    }
+    if (pid == 0) {
+        execvp(command[0], command);
+        const int error = errno;
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(error));
+        _exit(error == ENOENT ? 127 : 126);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return kExitFailed;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 void print_usage(FILE *out, const Command &c) {
     const char *form = c.synopsis;
