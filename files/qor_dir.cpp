@@ -16,6 +16,7 @@
 
 #include "files/file_layer.h"
 #include "foundation/host.h"
+#include "foundation/host_files.h"
 #include "foundation/internal.h"
 #include "objects/object_paths.h"
 #include "qor/files.h"
@@ -58,28 +59,21 @@ int whole_file_lock(int fd, short kind) {
 
 // Opens the lock file as the binary-file openers do (EACCES answers -1,
 // any other failure is an access failure, a creating open asks the
-// disc-full handler), and in addition without following a symbolic link
-// and without waiting on a FIFO planted at the name: whoever may write in
-// a shared directory must not be able to point another user's lock, or
-// root's, at a file of their choosing, or make it hang. What is opened
-// must be a regular file. O_NONBLOCK stays set: it changes nothing for
-// regular files. The descriptor is not passed on to programs the process
-// starts.
+// disc-full handler), and in addition as the store opens its member
+// files: whoever may write in a shared directory must not be able to point
+// another user's lock, or root's, at a file of their choosing, or make it
+// hang. So a symbolic link at the name is refused, a FIFO does not block,
+// only a regular file is accepted, and a missing file is only ever created
+// exclusively. O_NONBLOCK stays set (it changes nothing for regular files,
+// and clearing it would cost a call per lock). The descriptor is not
+// passed on to programs the process starts.
 int open_lock_file(const char *os, int flags) {
-    flags |= O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    auto call = [&] { return open(os, flags, 0777); };
-    const int fd = (flags & O_CREAT)
-                       ? qor::host::retry_disc_full(call, os, QOR_CTX_OPEN)
-                       : qor::host::retry_eintr(call);
+    qor::host::MemberOpen how;
+    how.disc_full_context = QOR_CTX_OPEN;
+    const int fd = qor::host::open_member(
+        os, flags | O_NONBLOCK | O_CLOEXEC, 0777, how);
     if (fd == -1) {
         if (errno == EACCES) return -1;
-        access_failure(os, QOR_CTX_OPEN);
-    }
-    struct stat st;
-    qor::files::checked([&] { return fstat(fd, &st); }, os, QOR_CTX_OPEN);
-    if (!S_ISREG(st.st_mode)) {
-        close(fd);
-        errno = EINVAL;
         access_failure(os, QOR_CTX_OPEN);
     }
     return fd;

@@ -525,26 +525,52 @@ TEST_F(Dirs, ARefusedOpenFallsBackToTheCreatingOpen) {
 }
 
 TEST_F(Dirs, TheCreatingOpenAsksTheDiscFullHandler) {
-    const std::string dir = locked_dir("d");
-    ASSERT_EQ(chmod((dir + "/.lock").c_str(), 0600), 0);
-    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
-    const auto r = qor_test::run_as_unprivileged([&] {
-        qor_test::DiscFullHandler handler({0});
-        // The first open is refused by the permissions; the creating open
-        // then finds the disc full twice, and is refused for real on its
-        // third attempt.
-        qor_fault_filter_path(QF_open, "/.lock");
-        qor_fault_fail(QF_open, ENOSPC, 1, 2);
-        QOR_file_handle *h = nullptr;
-        const int got = QOR_lock_dir(dir.c_str(), QOR_DIR_EXCLUSIVE, &h);
-        printf("%d %zu", got, handler.calls.size());
-        for (const auto &c : handler.calls) {
-            printf(" %d %d %s", c.os_error, c.context, c.path.c_str());
+    // The first open is refused; the creating open then finds no file and
+    // makes it, meeting a full disc twice on the way.
+    make_dir(os("d"));
+    const std::string lock = os("d") + "/.lock";
+    qor_test::DiscFullHandler handler({0});
+    qor_fault_filter_path(QF_open, "/.lock");
+    qor_fault_fail(QF_open, EACCES, 0, 1);
+    static bool armed;
+    armed = false;
+    // The creating open first looks for an existing file (a read-write
+    // open without O_CREAT); the full disc is armed for what follows it.
+    qor_fault_on_mutation([](qor_fault_fn fn, const char *, int, int flags) {
+        if (fn == QF_open && !(flags & O_CREAT) && !armed) {
+            armed = true;
+            qor_fault_fail(QF_open, ENOSPC, 0, 2);
         }
     });
-    const std::string call = " " + std::to_string(ENOSPC) + " 2116 " + dir +
-                             "/.lock";
-    EXPECT_EQ(r.out, "0 2" + call + call) << r.err;
+    QOR_file_handle *h = nullptr;
+    ASSERT_EQ(QOR_lock_dir(os("d").c_str(), QOR_DIR_SHARED, &h), 1);
+    qor_fault_on_mutation(nullptr);
+    ASSERT_EQ(handler.calls.size(), 2u);
+    for (const auto &c : handler.calls) {
+        EXPECT_EQ(c.os_error, ENOSPC);
+        EXPECT_EQ(c.context, QOR_CTX_OPEN);
+        EXPECT_EQ(c.path, lock);
+    }
+    EXPECT_TRUE(qor_test::exists(lock));
+    EXPECT_EQ(h->flags, uint32_t{QOR_FILE_READ_WRITE});
+    QOR_unlock_dir(h);
+    // Given up by the handler: an access failure.
+    ASSERT_EQ(unlink(lock.c_str()), 0);
+    const auto r = run_in_child([&] {
+        qor_test::DiscFullHandler gives_up({1});
+        qor_fault_filter_path(QF_open, "/.lock");
+        qor_fault_fail(QF_open, EACCES, 0, 1);
+        armed = false;
+        qor_fault_on_mutation([](qor_fault_fn fn, const char *, int, int flags) {
+            if (fn == QF_open && !(flags & O_CREAT) && !armed) {
+                armed = true;
+                qor_fault_fail(QF_open, ENOSPC, 0, -1);
+            }
+        });
+        QOR_file_handle *x = nullptr;
+        QOR_lock_dir(os("d").c_str(), QOR_DIR_SHARED, &x);
+    });
+    EXPECT_ACCESS_FAILURE(r, lock, ENOSPC);
 }
 
 TEST_F(Dirs, AnInterruptedLockRequestIsMade101TimesInAll) {
