@@ -103,12 +103,24 @@ const char *literal(const char *os_path) {
 void copy_tree(const char *source, const char *source_os, const char *target,
                const char *target_os);
 
+// True when a symbolic link stands at the target entry, after recording
+// ELOOP against it. Whoever may write into the target tree could plant one
+// there to have a file or a whole subtree written wherever it points; the
+// entry is left out instead, like a file that cannot be copied.
+bool planted_link(const char *target_entry) {
+    struct stat st;
+    if (lstat(target_entry, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+    QOR_record_os_error(ELOOP, target_entry, QOR_CTX_COPY_CONTENTS);
+    return true;
+}
+
 // Copies one entry of a tree. The source entry is examined without
 // following a link. Links are made again with the same text, whatever it
-// points at; whether that succeeds is not checked. Anything else that is
-// not a directory is copied as a plain file by the object store, whose
-// failures are recorded there (a message of type 71) and leave no partial
-// target file; the rest of the tree is copied all the same.
+// points at; whether that succeeds is not checked. Nothing is written
+// through a link standing at the target entry. Anything else that is not a
+// directory is copied as a plain file by the object store, whose failures
+// are recorded there (a message of type 71) and leave no partial target
+// file; the rest of the tree is copied all the same.
 void copy_entry(const char *source_os, const char *target_os,
                 const char *name) {
     QOR_FS_mark mark;
@@ -122,6 +134,8 @@ void copy_entry(const char *source_os, const char *target_os,
         // Null: the entry stopped being a link since it was examined.
         if (text != nullptr) (void)symlink(text, to);
         QOR_free(text);
+    } else if (planted_link(to)) {
+        // Left out, recorded.
     } else if (st.st_mode & kDirectoryBit) {
         copy_tree(literal(from), from, literal(to), to);
     } else {

@@ -188,7 +188,8 @@ QOR_API void QOR_close_dir(QOR_dir_cursor *dir);
  * paths), depth first in listing order: symbolic links are made again
  * with the same text and never followed, directories are copied
  * recursively, everything else with QOR_copy_object as a plain file (its
- * failures are recorded and the copy goes on). Entry names are taken as
+ * failures are recorded and the copy goes on; nothing is written through
+ * a link standing at a target entry). Entry names are taken as
  * they stand on the host, never as qor path syntax. An entry that cannot
  * be examined is the fatal error "stat failed". */
 QOR_API void QOR_copy_dir(const char *source, const char *target);

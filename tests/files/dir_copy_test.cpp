@@ -455,6 +455,36 @@ TEST_F(Copy, AFileLockedElsewhereIsLeftOutWithoutWaiting) {
     holder.release();
 }
 
+TEST_F(Copy, NothingIsWrittenThroughALinkPlantedInTheTarget) {
+    make_dir(os("src"));
+    write_file(os("src/file"), "copied");
+    make_dir(os("src/sub"));
+    write_file(os("src/sub/inner"), "copied too");
+    write_file(os("src/other"), "other");
+    write_file(os("victim"), "untouched");
+    make_dir(os("elsewhere"));
+    make_dir(os("dst"));
+    link(os("victim"), os("dst/file"));
+    link(os("elsewhere"), os("dst/sub"));
+    MessageLog log;
+    QOR_copy_dir(os("src").c_str(), os("dst").c_str());
+    EXPECT_EQ(read_file(os("victim")), "untouched");
+    EXPECT_TRUE(tree_of(os("elsewhere")).empty());
+    EXPECT_EQ(read_file(os("dst/other")), "other");
+    // Both left as they were, each recorded once.
+    EXPECT_EQ(log.messages.size(), 2u);
+    for (const auto &m : log.messages) {
+        EXPECT_EQ(m.type, QOR_MSG_RECORDED);
+        EXPECT_EQ(m.parameters.at(2), strerror(ELOOP));
+    }
+    std::multiset<std::string> paths;
+    for (const auto &m : log.messages) paths.insert(m.parameters.at(0));
+    EXPECT_EQ(paths, (std::multiset<std::string>{os("dst/file"), os("dst/sub")}));
+    struct stat st;
+    ASSERT_EQ(lstat(os("dst/file").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
 TEST_F(Copy, ASocketCountsAsADirectoryAndIsFatal) {
     // The directory test is the one mode bit 0x4000, which sockets carry.
     const std::string src = os("src");
