@@ -414,16 +414,6 @@ int tour_lock_file(const char *dir) {
     return ok ? 0 : 1;
 }
 
-int remove_tree(const char *dir) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execlp("rm", "rm", "-rf", "--", dir, static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid ? 0 : 1;
-}
-
 const Option kCatOptions[] = {
     {'r', "read-only", nullptr,
      "never repair: read the backup of an interrupted save"},

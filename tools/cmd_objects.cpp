@@ -1,7 +1,6 @@
 // qor commands and tour step for the object store: type detection,
 // creation, links, accessibility and the status of an object's files.
 
-#include <ftw.h>
 #include <qor/qor.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -198,10 +197,6 @@ int cmd_stat(Invocation &in) {
     return 0;
 }
 
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return remove(path);
-}
-
 }  // namespace
 
 const Option kTypeOnly[] = {kTypeOption, {}};
@@ -268,7 +263,7 @@ int tour_objects() {
             show_accessibility(path[t], t, "  ");
         }
     }
-    nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    remove_tree(dir);
     return result;
 }
 

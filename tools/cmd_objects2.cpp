@@ -7,7 +7,6 @@
 // commands add one line of their own saying what came of the request.
 
 #include <errno.h>
-#include <ftw.h>
 #include <qor/qor.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -368,10 +367,6 @@ int cmd_write(Invocation &in) {
 
 // ---- Tour --------------------------------------------------------------------
 
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-    return remove(path);
-}
-
 // The tour's objects, named as host paths under its scratch directory.
 char tour_ledger[80], tour_copy[80], tour_archive[80];
 
@@ -592,7 +587,7 @@ int tour_objects2() {
     int result = tour_idle_blocks();
     if (result == 0) result = tour_two_processes();
     if (result == 0) result = tour_copy_and_move();
-    nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    remove_tree(dir);
     return result;
 }
 

@@ -74,6 +74,11 @@ int fail_errno(const Invocation &in, const char *what, const char *path,
 void verbose(const Invocation &in, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// Runs the command line (COMMAND ARGUMENT...) and waits for it: its exit
+// status, or 128 plus the signal that ended it; 126 when it could not be
+// run, 127 when it was not found ("qor CMD: cannot run: ..." said so).
+int run_command(const Invocation &in, char **command);
+
 // The reason part of a status: the catalogue's wording when it has one
 // ("it does not exist"), else the tool's own description.
 const char *status_reason(int status);
@@ -105,10 +110,6 @@ extern const char *const kTypeNames[5];
 int object_type(const Invocation &in, char letter, const char *path,
                 unsigned *type);
 
-// Runs the command line (COMMAND ARGUMENT...) and waits for it: its exit
-// status, or 128 plus the signal that ended it; 126 when it could not be
-// run, 127 when it was not found ("qor CMD: cannot run: ..." said so).
-int run_command(const Invocation &in, char **command);
 
 // Runs fn(arg) with the library's fatal handler armed, so that a fatal
 // error (the file layer's access failure, a state error of the txt
@@ -138,6 +139,7 @@ extern const Command paths_commands[];
 extern const Command objects_commands[];
 extern const Command objects2_commands[];
 extern const Command files_commands[];
+extern const Command dirs_commands[];
 extern const Command process_commands[];
 extern const Command check_commands[];
 extern const Command fonts_commands[];
@@ -150,6 +152,7 @@ int tour_paths();
 int tour_objects();
 int tour_objects2();
 int tour_files();
+int tour_dirs();
 int tour_process();
 int tour_check();
 int tour_fonts();
@@ -160,6 +163,9 @@ void tour_heading(const char *title);
 // the temporary directory under an unpredictable name: its host path
 // (QOR_free), or null.
 char *tour_directory(const char *prefix);
+// Removes a tour step's directory and everything in it, never following a
+// link; 0, or 1 when something stayed.
+int remove_tree(const char *dir);
 
 // Registers the catalogue-backed message callbacks (see qor/catalog.h);
 // returns 0 when the catalogue was found.

@@ -36,6 +36,7 @@ const Command *const kTables[] = {
     objects2_commands,
     check_commands,
     files_commands,
+    dirs_commands,
     process_commands,
     fonts_commands,
 };
@@ -49,6 +50,7 @@ int (*const kTour[])() = {
     tour_objects2,
     tour_check,
     tour_files,
+    tour_dirs,
     tour_process,
     tour_fonts,
 };

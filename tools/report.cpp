@@ -3,6 +3,7 @@
 // a usage line after a bad command line, detail only with -v.
 
 #include <errno.h>
+#include <ftw.h>
 #include <qor/qor.h>
 #include <setjmp.h>
 #include <stdio.h>
@@ -20,6 +21,28 @@ namespace qor_tool {
 const char *const kTypeNames[5] = {"plain_file", "plain_directory",
                                    "lockable_directory", "cdir",
                                    "idle_object"};
+
+int run_command(const Invocation &in, char **command) {
+    fflush(stdout);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(errno));
+        return kExitFailed;
+    }
+    if (pid == 0) {
+        execvp(command[0], command);
+        const int error = errno;
+        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
+                command[0], strerror(error));
+        _exit(error == ENOENT ? 127 : 126);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return kExitFailed;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 void print_usage(FILE *out, const Command &c) {
     const char *form = c.synopsis;
@@ -120,28 +143,6 @@ int object_type(const Invocation &in, char letter, const char *path,
     return fail_status(in, "cannot tell the type", path, s);
 }
 
-int run_command(const Invocation &in, char **command) {
-    fflush(stdout);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
-                command[0], strerror(errno));
-        return kExitFailed;
-    }
-    if (pid == 0) {
-        execvp(command[0], command);
-        const int error = errno;
-        fprintf(stderr, "qor %s: cannot run: %s: %s\n", in.command->name,
-                command[0], strerror(error));
-        _exit(error == ENOENT ? 127 : 126);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return kExitFailed;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 bool run_guarded(void (*fn)(void *), void *arg) {
     // volatile: read after the jump, which may have left registers stale.
     volatile bool returned = false;
@@ -189,6 +190,17 @@ int private_directory_beside(const char *target, char **dir) {
     }
     if (fd >= 0) close(fd);
     return s;
+}
+
+namespace {
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+    return remove(path);
+}
+}  // namespace
+
+int remove_tree(const char *dir) {
+    // FTW_PHYS: a link inside the tree is removed, never followed.
+    return nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS) == 0 ? 0 : 1;
 }
 
 char *tour_directory(const char *prefix) {

@@ -350,6 +350,50 @@ QOR_API void QOR_txt_close(QOR_txt_handle *txt);
  * (the update right among them) and is answered 2061. */
 QOR_API int QOR_txt_test_lock(const char *path);
 
+
+/* ---- Directories -----------------------------------------------------------
+ * Listing the entries of a directory, copying a directory tree, and
+ * whole-file locks on a directory's ".lock" file that never wait. */
+
+/* A directory cursor: the links listing of the directory (QOR_open_links
+ * as a plain directory, so only "." and ".." are passed over). Freed by
+ * QOR_close_dir. */
+typedef struct QOR_dir_cursor {
+    QOR_link_listing *links; /* the listing the names come from */
+} QOR_dir_cursor;
+
+/* Modes of QOR_lock_dir: a read lock, a write lock. */
+enum { QOR_DIR_SHARED = 1, QOR_DIR_EXCLUSIVE = 3 };
+
+/* A directory that cannot be listed prints "status = N" on the standard
+ * error stream and is the fatal error "QOR_open_links failed". */
+QOR_API QOR_dir_cursor *QOR_open_dir(const char *path);
+/* The next entry's name from basic space (QOR_free), null after the last;
+ * in the host directory's order. */
+QOR_API char *QOR_dir_next(QOR_dir_cursor *dir);
+/* Closes the listing and frees the cursor; names already returned stay
+ * the caller's. A listing that cannot be closed is the fatal error
+ * "QOR_close_links failed", after the cursor is freed. */
+QOR_API void QOR_close_dir(QOR_dir_cursor *dir);
+/* Copies the tree below source into target (made if missing; both qor
+ * paths), depth first in listing order: symbolic links are made again
+ * with the same text and never followed, directories are copied
+ * recursively, everything else with QOR_copy_object as a plain file (its
+ * failures are recorded and the copy goes on; nothing is written through
+ * a link standing at a target entry). Entry names are taken as
+ * they stand on the host, never as qor path syntax. An entry that cannot
+ * be examined is the fatal error "stat failed". */
+QOR_API void QOR_copy_dir(const char *source, const char *target);
+/* Locks the whole of "<path>/.lock" without waiting: mode 1 shared, 3
+ * exclusive (any other mode is fatal). 1 and the handle stored in *lock
+ * when granted; 0 and nothing kept open when not. A missing ".lock" is an
+ * access failure. */
+QOR_API int QOR_lock_dir(const char *path, int mode, QOR_file_handle **lock);
+/* Replaces the lock by a shared one; 1 when granted. */
+QOR_API int QOR_downgrade_dir_lock(QOR_file_handle *lock);
+/* Closes the handle (QOR_close_binary_file), which releases the lock. */
+QOR_API void QOR_unlock_dir(QOR_file_handle *lock);
+
 #ifdef __cplusplus
 }
 #endif

@@ -26,6 +26,7 @@ const std::vector<std::string> kCommands = {
     "rm",   "lock", "read",   "write",
     "check",
     "cat", "save", "lockfile",
+    "lsdir", "cpdir", "lockdir",
     "font", "print"};
 
 bool starts_with(const std::string &s, const std::string &prefix) {
