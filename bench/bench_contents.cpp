@@ -25,26 +25,11 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_scratch.h"
+
 namespace {
 
-// A scratch directory for the whole run, removed at exit. Kept in plain
-// storage: the exit handler runs after static strings are gone.
-char scratch_dir[64];
-
-void remove_scratch() {
-    const std::string cmd = std::string("rm -rf ") + scratch_dir;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "cleanup failed\n");
-}
-
-std::string scratch() {
-    if (scratch_dir[0] == '\0') {
-        snprintf(scratch_dir, sizeof scratch_dir, "/tmp/qor-bench-XXXXXX");
-        if (mkdtemp(scratch_dir) == nullptr) abort();
-        atexit(remove_scratch);
-    }
-    return scratch_dir;
-}
-std::string os_path(const std::string &name) { return scratch() + "/" + name; }
+using qor_bench::os_path;
 std::string qor_path(const std::string &name) { return "@" + os_path(name); }
 
 void check(bool ok, const char *what) {
@@ -250,7 +235,8 @@ void BM_CopyObject64MiB(benchmark::State &state) {
 
 void BM_Cp64MiB(benchmark::State &state) {
     make_source();
-    const std::string cmd = "cp " + os_path("src") + " " + os_path("dst_cp");
+    const std::string cmd =
+        "cp --reflink=never " + os_path("src") + " " + os_path("dst_cp");
     for (auto _ : state) {
         fresh_target(state, os_path("dst_cp"));
         check(system(cmd.c_str()) == 0, "cp");
@@ -258,24 +244,43 @@ void BM_Cp64MiB(benchmark::State &state) {
     state.SetBytesProcessed(state.iterations() * (64ll << 20));
 }
 
-// The floor: the same 4096-byte buffer, no locks, no checks.
-void BM_RawLoop64MiB(benchmark::State &state) {
+// A copy by the host's own calls: `copy` moves the bytes between the two
+// descriptors; the target is made anew each time.
+template <class Copy>
+void host_copy(benchmark::State &state, const char *target, Copy copy) {
     make_source();
-    const std::string from = os_path("src"), to = os_path("dst_raw");
-    static char buffer[4096];
+    const std::string from = os_path("src"), to = os_path(target);
     for (auto _ : state) {
         fresh_target(state, to);
         const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
         const int out =
             open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
-        ssize_t n;
-        while ((n = read(in, buffer, sizeof buffer)) > 0) {
-            check(write(out, buffer, static_cast<size_t>(n)) == n, "write");
-        }
+        copy(in, out);
         close(out);
         close(in);
     }
     state.SetBytesProcessed(state.iterations() * (64ll << 20));
+}
+
+// The same 4096-byte buffer as the library's copy, no locks, no checks.
+void BM_RawLoop64MiB(benchmark::State &state) {
+    static char buffer[4096];
+    host_copy(state, "dst_raw", [](int in, int out) {
+        ssize_t n;
+        while ((n = read(in, buffer, sizeof buffer)) > 0) {
+            check(write(out, buffer, static_cast<size_t>(n)) == n, "write");
+        }
+    });
+}
+
+// The fastest the host offers: the kernel copies, without a user buffer.
+void BM_CopyFileRange64MiB(benchmark::State &state) {
+    host_copy(state, "dst_cfr", [](int in, int out) {
+        ssize_t n;
+        while ((n = copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0)) > 0) {
+        }
+        check(n == 0, "copy_file_range");
+    });
 }
 
 // Registration, pairs next to each other.
@@ -285,25 +290,27 @@ void apply(benchmark::internal::Benchmark *b) {
 
 const bool registered = [] {
     for (int64_t block : {4096, 65536}) {
-        apply(benchmark::RegisterBenchmark("IdleWrite", BM_IdleWrite)->Arg(block));
-        apply(benchmark::RegisterBenchmark("RawPwrite", BM_RawPwrite)->Arg(block));
-        apply(benchmark::RegisterBenchmark("IdleRead", BM_IdleRead)->Arg(block));
-        apply(benchmark::RegisterBenchmark("RawPread", BM_RawPread)->Arg(block));
+        apply(benchmark::RegisterBenchmark("idle_write/qor", BM_IdleWrite)->Arg(block));
+        apply(benchmark::RegisterBenchmark("idle_write/pwrite", BM_RawPwrite)->Arg(block));
+        apply(benchmark::RegisterBenchmark("idle_read/qor", BM_IdleRead)->Arg(block));
+        apply(benchmark::RegisterBenchmark("idle_read/pread", BM_RawPread)->Arg(block));
     }
-    apply(benchmark::RegisterBenchmark("ContentsOpenLockUnlockClose",
+    apply(benchmark::RegisterBenchmark("contents_open_lock_close/qor",
                                        BM_ContentsOpenLockUnlockClose));
-    apply(benchmark::RegisterBenchmark("FileOpenLockUnlockClose",
+    apply(benchmark::RegisterBenchmark("file_open_lock_close/qor",
                                        BM_FileOpenLockUnlockClose));
-    apply(benchmark::RegisterBenchmark("RawOpenLockUnlockClose",
+    apply(benchmark::RegisterBenchmark("contents_open_lock_close/floor",
                                        BM_RawOpenLockUnlockClose));
-    apply(benchmark::RegisterBenchmark("ObjectLockUnlock", BM_ObjectLockUnlock));
-    apply(benchmark::RegisterBenchmark("RawLockFileLockUnlock",
+    apply(benchmark::RegisterBenchmark("object_lock/qor", BM_ObjectLockUnlock));
+    apply(benchmark::RegisterBenchmark("object_lock/floor",
                                        BM_RawLockFileLockUnlock));
-    apply(benchmark::RegisterBenchmark("ObjectLockConvert", BM_ObjectLockConvert));
-    apply(benchmark::RegisterBenchmark("RawFcntlConvert", BM_RawFcntlConvert));
-    for (auto *b : {benchmark::RegisterBenchmark("CopyObject64MiB", BM_CopyObject64MiB),
-                    benchmark::RegisterBenchmark("Cp64MiB", BM_Cp64MiB),
-                    benchmark::RegisterBenchmark("RawLoop64MiB", BM_RawLoop64MiB)}) {
+    apply(benchmark::RegisterBenchmark("object_lock_convert/qor", BM_ObjectLockConvert));
+    apply(benchmark::RegisterBenchmark("object_lock_convert/floor", BM_RawFcntlConvert));
+    for (auto *b : {benchmark::RegisterBenchmark("copy_64MiB/qor", BM_CopyObject64MiB),
+                    benchmark::RegisterBenchmark("copy_64MiB/cp", BM_Cp64MiB),
+                    benchmark::RegisterBenchmark("copy_64MiB/read_write_4KiB", BM_RawLoop64MiB),
+                    benchmark::RegisterBenchmark("copy_64MiB/copy_file_range",
+                                                 BM_CopyFileRange64MiB)}) {
         b->Unit(benchmark::kMillisecond)->UseRealTime();
         apply(b);
     }

@@ -1,19 +1,31 @@
-// The pooled allocators against their peers.
+// The pooled allocators against their peers. Names are <work>/<contender>,
+// then the count swept (10^3 to 10^6) where there is one.
 //
-// Freestore patterns, each run by the freestore, APR pools, NSPR arenas
-// (mark and release), talloc pools and plain malloc/free:
-//   Small  : 1000 small pieces (8 to 64 bytes, each touched), then reset.
-//   Scratch: save a mark, 4 pieces and a joined path string, restore: the
-//            way library calls use the shared freestore.
-// Small and Scratch are also run through a prototype of inline fast paths
-// (clearly marked below; not part of the library) to measure what such an
-// interface would buy.
-// Static allocator patterns, against malloc/free (and GSlice with GLib):
-//   Fill   : 1000 records of 48 bytes, then all released in reverse order.
-//   Churn  : a steady 1000 live records; release one at random, take one.
-//   Reuse  : with 1000 records live, take one and give it back at once: the
-//            way the library's own pools serve open and close.
+// Freestore, against APR pools, NSPR arenas (mark and release), talloc pools
+// and plain malloc/free:
+//   fs_small/<c>/<n>  : n small pieces (8 to 64 bytes, each touched), then
+//                       all released at once (each freed, for malloc).
+//   fs_scratch/<c>    : save a mark, 4 pieces and a joined path string,
+//                       restore: the way library calls use the shared
+//                       freestore.
+// The contender qor_inline_prototype runs both through a prototype of
+// inline fast paths (clearly marked below; not part of the library) to
+// measure what such an interface would buy.
+//
+// Static allocator, against malloc/free (and GSlice with GLib), records of
+// 16, 64 and 256 bytes in blocks of 1024 records (and of 64, the library's
+// own pools' size, for 64-byte records):
+//   sa_fill_<size>/<c>/<n>  : n records taken, then all given back in
+//                             reverse order.
+//   sa_churn_<size>/<c>/<n> : n records live; one given back at random and
+//                             one taken, per item.
+//   sa_reuse_<size>/<c>/<n> : n records live; one taken and given back at
+//                             once (how the library's pools serve open and
+//                             close).
+// Counters: items_per_second; bytes_per_entry (heap held per live record,
+// by mallinfo2) for the fills.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <qor/qor.h>
 #include <stdlib.h>
 #include <string.h>
@@ -38,17 +50,24 @@
 
 namespace {
 
-constexpr int kPieces = 1000;
-constexpr int kRecords = 1000;
-constexpr size_t kRecordSize = 48;
+constexpr int kMaxPieces = 1000000;
 
-// Sizes of pattern Small: 8 to 64 bytes, the same sequence for everyone.
+// Sizes of fs_small: 8 to 64 bytes, the same sequence for everyone.
 struct Sizes {
-    unsigned v[kPieces];
-    Sizes() {
-        for (int i = 0; i < kPieces; ++i) v[i] = 8 + static_cast<unsigned>(i * 37) % 57;
+    std::vector<unsigned> v;
+    Sizes() : v(kMaxPieces) {
+        for (int i = 0; i < kMaxPieces; ++i) v[i] = 8 + static_cast<unsigned>(i * 37) % 57;
     }
 } const kSizes;
+
+void Counts(benchmark::internal::Benchmark *b) {
+    for (long n : {1000L, 10000L, 100000L, 1000000L}) b->Arg(n);
+}
+
+size_t heap_in_use() {
+    struct mallinfo2 m = mallinfo2();
+    return m.uordblks + m.hblkhd;
+}
 
 // Pattern Scratch: the pieces and the strings joined.
 constexpr unsigned kScratchSizes[4] = {24, 40, 16, 100};
@@ -84,9 +103,10 @@ inline char *join3(const Texts &t, Take take) {
 // ---- Pattern Small ----------------------------------------------------------
 
 void Small_Freestore(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
     QOR_FS_allocator fs = QOR_FS_INITIALISER(2016, 0);
     for (auto _ : state) {
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             char *p = static_cast<char *>(QOR_FS_malloc(&fs, kSizes.v[i]));
             p[0] = static_cast<char>(i);
             benchmark::DoNotOptimize(p);
@@ -94,14 +114,15 @@ void Small_Freestore(benchmark::State &state) {
         QOR_FS_empty(&fs);
     }
     QOR_FS_destroy(&fs);
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_Freestore);
+BENCHMARK(Small_Freestore)->Name("fs_small/qor")->Apply(Counts);
 
 void Small_Malloc(benchmark::State &state) {
-    std::vector<void *> held(kPieces);
+    const int n = static_cast<int>(state.range(0));
+    std::vector<void *> held(static_cast<size_t>(n));
     for (auto _ : state) {
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             char *p = static_cast<char *>(malloc(kSizes.v[i]));
             p[0] = static_cast<char>(i);
             held[i] = p;
@@ -109,9 +130,9 @@ void Small_Malloc(benchmark::State &state) {
         for (void *p : held) free(p);
         benchmark::ClobberMemory();
     }
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_Malloc);
+BENCHMARK(Small_Malloc)->Name("fs_small/malloc")->Apply(Counts);
 
 #ifdef QOR_HAVE_APR
 struct AprRuntime {
@@ -119,10 +140,11 @@ struct AprRuntime {
 } apr_runtime;
 
 void Small_APR(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
     apr_pool_t *pool;
     apr_pool_create(&pool, nullptr);
     for (auto _ : state) {
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             char *p = static_cast<char *>(apr_palloc(pool, kSizes.v[i]));
             p[0] = static_cast<char>(i);
             benchmark::DoNotOptimize(p);
@@ -130,18 +152,19 @@ void Small_APR(benchmark::State &state) {
         apr_pool_clear(pool);
     }
     apr_pool_destroy(pool);
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_APR);
+BENCHMARK(Small_APR)->Name("fs_small/apr")->Apply(Counts);
 #endif
 
 #ifdef QOR_HAVE_NSPR
 void Small_NSPR(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
     PLArenaPool pool;
     PL_InitArenaPool(&pool, "bench", 2048, sizeof(double));
     for (auto _ : state) {
         void *mark = PL_ARENA_MARK(&pool);
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             void *v;
             PL_ARENA_ALLOCATE(v, &pool, kSizes.v[i]);
             char *p = static_cast<char *>(v);
@@ -151,16 +174,17 @@ void Small_NSPR(benchmark::State &state) {
         PL_ARENA_RELEASE(&pool, mark);
     }
     PL_FinishArenaPool(&pool);
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_NSPR);
+BENCHMARK(Small_NSPR)->Name("fs_small/nspr")->Apply(Counts);
 #endif
 
 #ifdef QOR_HAVE_TALLOC
 void Small_Talloc(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
     void *pool = talloc_pool(nullptr, 64 * 1024);
     for (auto _ : state) {
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             char *p = static_cast<char *>(talloc_size(pool, kSizes.v[i]));
             p[0] = static_cast<char>(i);
             benchmark::DoNotOptimize(p);
@@ -168,9 +192,9 @@ void Small_Talloc(benchmark::State &state) {
         talloc_free_children(pool);
     }
     talloc_free(pool);
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_Talloc);
+BENCHMARK(Small_Talloc)->Name("fs_small/talloc")->Apply(Counts);
 #endif
 
 // ---- Pattern Scratch ----------------------------------------------------------
@@ -193,7 +217,7 @@ void Scratch_Freestore(benchmark::State &state) {
     }
     QOR_FS_destroy(fs);
 }
-BENCHMARK(Scratch_Freestore);
+BENCHMARK(Scratch_Freestore)->Name("fs_scratch/qor");
 
 void Scratch_Malloc(benchmark::State &state) {
     void *held[4];
@@ -209,7 +233,7 @@ void Scratch_Malloc(benchmark::State &state) {
         for (void *p : held) free(p);
     }
 }
-BENCHMARK(Scratch_Malloc);
+BENCHMARK(Scratch_Malloc)->Name("fs_scratch/malloc");
 
 #ifdef QOR_HAVE_APR
 void Scratch_APR(benchmark::State &state) {
@@ -228,7 +252,7 @@ void Scratch_APR(benchmark::State &state) {
     }
     apr_pool_destroy(pool);
 }
-BENCHMARK(Scratch_APR);
+BENCHMARK(Scratch_APR)->Name("fs_scratch/apr");
 #endif
 
 #ifdef QOR_HAVE_NSPR
@@ -256,7 +280,7 @@ void Scratch_NSPR(benchmark::State &state) {
     }
     PL_FinishArenaPool(&pool);
 }
-BENCHMARK(Scratch_NSPR);
+BENCHMARK(Scratch_NSPR)->Name("fs_scratch/nspr");
 #endif
 
 #ifdef QOR_HAVE_TALLOC
@@ -274,7 +298,7 @@ void Scratch_Talloc(benchmark::State &state) {
     }
     talloc_free(pool);
 }
-BENCHMARK(Scratch_Talloc);
+BENCHMARK(Scratch_Talloc)->Name("fs_scratch/talloc");
 #endif
 
 // ---- Prototype, NOT part of the library ------------------------------------
@@ -317,9 +341,10 @@ inline void fs_restore(QOR_FS_allocator *fs, QOR_FS_mark *mark) {
 }  // namespace proto
 
 void Small_FreestoreInlinePrototype(benchmark::State &state) {
+    const int n = static_cast<int>(state.range(0));
     QOR_FS_allocator fs = QOR_FS_INITIALISER(2016, 0);
     for (auto _ : state) {
-        for (int i = 0; i < kPieces; ++i) {
+        for (int i = 0; i < n; ++i) {
             char *p = static_cast<char *>(proto::fs_malloc(&fs, kSizes.v[i]));
             p[0] = static_cast<char>(i);
             benchmark::DoNotOptimize(p);
@@ -327,9 +352,9 @@ void Small_FreestoreInlinePrototype(benchmark::State &state) {
         QOR_FS_empty(&fs);
     }
     QOR_FS_destroy(&fs);
-    state.SetItemsProcessed(state.iterations() * kPieces);
+    state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(Small_FreestoreInlinePrototype);
+BENCHMARK(Small_FreestoreInlinePrototype)->Name("fs_small/qor_inline_prototype")->Apply(Counts);
 
 // The join stays the library's QOR_FS_cat_strings (one call per round).
 void Scratch_FreestoreInlinePrototype(benchmark::State &state) {
@@ -350,137 +375,116 @@ void Scratch_FreestoreInlinePrototype(benchmark::State &state) {
     }
     QOR_FS_destroy(fs);
 }
-BENCHMARK(Scratch_FreestoreInlinePrototype);
+BENCHMARK(Scratch_FreestoreInlinePrototype)->Name("fs_scratch/qor_inline_prototype");
 
 // ---- Static allocator -----------------------------------------------------------
 
-// The block sizes of the library's own pools (32, rounded to 64), and the
-// larger blocks a caller with many records would choose.
-void Fill_StaticAllocator(benchmark::State &state) {
-    const uint32_t entries = static_cast<uint32_t>(state.range(0));
-    QOR_SA_allocator sa =
-        QOR_SA_INITIALISER(kRecordSize, entries, entries, nullptr, nullptr);
-    std::vector<void *> held(kRecords);
-    for (auto _ : state) {
-        for (int i = 0; i < kRecords; ++i) {
-            char *p = static_cast<char *>(QOR_SA_allocate(&sa));
-            p[0] = static_cast<char>(i);
-            held[i] = p;
-        }
-        for (int i = kRecords - 1; i >= 0; --i) QOR_SA_release(&sa, held[i]);
-    }
-    QOR_SA_destroy(&sa);
-    state.SetItemsProcessed(state.iterations() * kRecords);
-}
-BENCHMARK(Fill_StaticAllocator)->Arg(32)->Arg(1024);
+// A record pool behind one shape: qor's allocator, malloc, GSlice.
+template <size_t Size, uint32_t Block>
+struct QorPool {
+    QOR_SA_allocator sa = QOR_SA_INITIALISER(Size, Block, Block, nullptr, nullptr);
+    void *take() { return QOR_SA_allocate(&sa); }
+    void give(void *p) { QOR_SA_release(&sa, p); }
+    ~QorPool() { QOR_SA_destroy(&sa); }
+};
 
-void Fill_Malloc(benchmark::State &state) {
-    std::vector<void *> held(kRecords);
-    for (auto _ : state) {
-        for (int i = 0; i < kRecords; ++i) {
-            char *p = static_cast<char *>(malloc(kRecordSize));
-            p[0] = static_cast<char>(i);
-            held[i] = p;
-        }
-        for (int i = kRecords - 1; i >= 0; --i) free(held[i]);
-        benchmark::ClobberMemory();
-    }
-    state.SetItemsProcessed(state.iterations() * kRecords);
-}
-BENCHMARK(Fill_Malloc);
+template <size_t Size>
+struct MallocPool {
+    void *take() { return malloc(Size); }
+    void give(void *p) { free(p); }
+};
 
 #ifdef QOR_HAVE_GLIB
-void Fill_GSlice(benchmark::State &state) {
-    std::vector<void *> held(kRecords);
+template <size_t Size>
+struct SlicePool {
+    void *take() { return g_slice_alloc(Size); }
+    void give(void *p) { g_slice_free1(Size, p); }
+};
+#endif
+
+template <class Pool>
+void Fill(benchmark::State &state) {
+    const size_t n = static_cast<size_t>(state.range(0));
+    std::vector<void *> held(n);
+    Pool pool;
+    size_t bytes = 0;
     for (auto _ : state) {
-        for (int i = 0; i < kRecords; ++i) {
-            char *p = static_cast<char *>(g_slice_alloc(kRecordSize));
+        const size_t before = heap_in_use();
+        for (size_t i = 0; i < n; ++i) {
+            char *p = static_cast<char *>(pool.take());
             p[0] = static_cast<char>(i);
             held[i] = p;
         }
-        for (int i = kRecords - 1; i >= 0; --i)
-            g_slice_free1(kRecordSize, held[i]);
+        if (bytes == 0) bytes = heap_in_use() - before;
+        for (size_t i = n; i-- > 0;) pool.give(held[i]);
         benchmark::ClobberMemory();
     }
-    state.SetItemsProcessed(state.iterations() * kRecords);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    state.counters["bytes_per_entry"] =
+        static_cast<double>(bytes) / static_cast<double>(n);
 }
-BENCHMARK(Fill_GSlice);
+
+// The order in which churn gives back its live records: the same for all.
+const std::vector<uint32_t> &churn_order(size_t n) {
+    static std::vector<uint32_t> v;
+    v.resize(1 << 16);
+    std::mt19937 rng(17);
+    for (auto &x : v) x = static_cast<uint32_t>(rng() % n);
+    return v;
+}
+
+template <class Pool>
+void Churn(benchmark::State &state) {
+    const size_t n = static_cast<size_t>(state.range(0));
+    const std::vector<uint32_t> &order = churn_order(n);
+    Pool pool;
+    std::vector<void *> live(n);
+    for (auto &p : live) p = pool.take();
+    size_t k = 0;
+    for (auto _ : state) {
+        const uint32_t i = order[k++ & 0xffff];
+        pool.give(live[i]);
+        char *p = static_cast<char *>(pool.take());
+        p[0] = 1;
+        live[i] = p;
+    }
+    for (void *p : live) pool.give(p);
+    state.SetItemsProcessed(state.iterations());
+}
+
+template <class Pool>
+void Reuse(benchmark::State &state) {
+    const size_t n = static_cast<size_t>(state.range(0));
+    Pool pool;
+    std::vector<void *> live(n);
+    for (auto &p : live) p = pool.take();
+    for (auto _ : state) {
+        char *p = static_cast<char *>(pool.take());
+        p[0] = 1;
+        benchmark::DoNotOptimize(p);
+        pool.give(p);
+    }
+    for (void *p : live) pool.give(p);
+    state.SetItemsProcessed(state.iterations());
+}
+
+#define QOR_SA_WORKS(size, block, label)                                              \
+    BENCHMARK_TEMPLATE(Fill, QorPool<size, block>)->Name("sa_fill_" label "/qor")->Apply(Counts);    \
+    BENCHMARK_TEMPLATE(Fill, MallocPool<size>)->Name("sa_fill_" label "/malloc")->Apply(Counts);     \
+    BENCHMARK_TEMPLATE(Churn, QorPool<size, block>)->Name("sa_churn_" label "/qor")->Apply(Counts);  \
+    BENCHMARK_TEMPLATE(Churn, MallocPool<size>)->Name("sa_churn_" label "/malloc")->Apply(Counts);   \
+    BENCHMARK_TEMPLATE(Reuse, QorPool<size, block>)->Name("sa_reuse_" label "/qor")->Apply(Counts);  \
+    BENCHMARK_TEMPLATE(Reuse, MallocPool<size>)->Name("sa_reuse_" label "/malloc")->Apply(Counts)
+
+QOR_SA_WORKS(16, 1024, "16B");
+QOR_SA_WORKS(64, 1024, "64B");
+QOR_SA_WORKS(256, 1024, "256B");
+QOR_SA_WORKS(64, 64, "64B_blocks64");
+
+#ifdef QOR_HAVE_GLIB
+BENCHMARK_TEMPLATE(Fill, SlicePool<64>)->Name("sa_fill_64B/gslice")->Apply(Counts);
+BENCHMARK_TEMPLATE(Churn, SlicePool<64>)->Name("sa_churn_64B/gslice")->Apply(Counts);
+BENCHMARK_TEMPLATE(Reuse, SlicePool<64>)->Name("sa_reuse_64B/gslice")->Apply(Counts);
 #endif
-
-// The order in which Churn releases its live records: the same for all.
-struct ChurnOrder {
-    std::vector<unsigned> v;
-    ChurnOrder() : v(4096) {
-        std::mt19937 rng(17);
-        for (auto &x : v) x = rng() % kRecords;
-    }
-} const kChurn;
-
-void Churn_StaticAllocator(benchmark::State &state) {
-    const uint32_t entries = static_cast<uint32_t>(state.range(0));
-    QOR_SA_allocator sa =
-        QOR_SA_INITIALISER(kRecordSize, entries, entries, nullptr, nullptr);
-    std::vector<void *> live(kRecords);
-    for (auto &p : live) p = QOR_SA_allocate(&sa);
-    size_t k = 0;
-    for (auto _ : state) {
-        const unsigned i = kChurn.v[k++ & 4095];
-        QOR_SA_release(&sa, live[i]);
-        char *p = static_cast<char *>(QOR_SA_allocate(&sa));
-        p[0] = 1;
-        live[i] = p;
-    }
-    QOR_SA_destroy(&sa);
-    state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(Churn_StaticAllocator)->Arg(32)->Arg(1024);
-
-void Churn_Malloc(benchmark::State &state) {
-    std::vector<void *> live(kRecords);
-    for (auto &p : live) p = malloc(kRecordSize);
-    size_t k = 0;
-    for (auto _ : state) {
-        const unsigned i = kChurn.v[k++ & 4095];
-        free(live[i]);
-        char *p = static_cast<char *>(malloc(kRecordSize));
-        p[0] = 1;
-        live[i] = p;
-        benchmark::ClobberMemory();
-    }
-    for (void *p : live) free(p);
-    state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(Churn_Malloc);
-
-void Reuse_StaticAllocator(benchmark::State &state) {
-    const uint32_t entries = static_cast<uint32_t>(state.range(0));
-    QOR_SA_allocator sa =
-        QOR_SA_INITIALISER(kRecordSize, entries, entries, nullptr, nullptr);
-    std::vector<void *> live(kRecords);
-    for (auto &p : live) p = QOR_SA_allocate(&sa);
-    for (auto _ : state) {
-        char *p = static_cast<char *>(QOR_SA_allocate(&sa));
-        p[0] = 1;
-        benchmark::DoNotOptimize(p);
-        QOR_SA_release(&sa, p);
-    }
-    QOR_SA_destroy(&sa);
-    state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(Reuse_StaticAllocator)->Arg(32)->Arg(1024);
-
-void Reuse_Malloc(benchmark::State &state) {
-    std::vector<void *> live(kRecords);
-    for (auto &p : live) p = malloc(kRecordSize);
-    for (auto _ : state) {
-        char *p = static_cast<char *>(malloc(kRecordSize));
-        p[0] = 1;
-        benchmark::DoNotOptimize(p);
-        free(p);
-    }
-    for (void *p : live) free(p);
-    state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(Reuse_Malloc);
 
 }  // namespace

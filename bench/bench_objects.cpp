@@ -8,17 +8,24 @@
 //   CreateRemove            QOR_create_object type 4   mkdir, 3 x open+close
 //                           and the private removes    3 x unlink, rmdir
 //   Links                   a 1000-entry directory     opendir, readdir, closedir
-
+//   object_lock_held/<c>/K  QOR_lock_object +          open ".lock", fcntl lock,
+//                           QOR_unlock_object with     fcntl unlock, close, with
+//                           K other object locks held  K other lock files held
+//
+// Names are <work>/<contender>: qor (the library) against floor (the host
+// calls themselves).
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <qor/qor.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 // The private remove steps are hidden in the library: their unit is built
 // into this program.
@@ -75,7 +82,7 @@ void BM_Translation(benchmark::State &state) {
         QOR_FS_restore(&QOR_SH_fs_allocator, &mark);
     }
 }
-BENCHMARK(BM_Translation);
+BENCHMARK(BM_Translation)->Name("translation/qor");
 
 // ---- Type detection -------------------------------------------------------
 
@@ -105,8 +112,8 @@ void BM_TypeOfObject_Floor(benchmark::State &state) {
     }
 }
 
-BENCHMARK(BM_TypeOfObject_Library)->DenseRange(0, 4);
-BENCHMARK(BM_TypeOfObject_Floor)->DenseRange(0, 4);
+BENCHMARK(BM_TypeOfObject_Library)->Name("type_of_object/qor")->DenseRange(0, 4);
+BENCHMARK(BM_TypeOfObject_Floor)->Name("type_of_object/floor")->DenseRange(0, 4);
 
 // ---- Accessibility ----------------------------------------------------------
 
@@ -143,9 +150,9 @@ void BM_IsAccessible_Floor(benchmark::State &state) {
     }
 }
 
-BENCHMARK(BM_IsAccessible_Library)
+BENCHMARK(BM_IsAccessible_Library)->Name("is_accessible/qor")
     ->ArgsProduct({{0, 4}, {0, 1, 2}});
-BENCHMARK(BM_IsAccessible_Floor)->ArgsProduct({{0, 4}, {0, 1, 2}});
+BENCHMARK(BM_IsAccessible_Floor)->Name("is_accessible/floor")->ArgsProduct({{0, 4}, {0, 1, 2}});
 
 // ---- Creation and removal ----------------------------------------------------
 
@@ -182,8 +189,8 @@ void BM_CreateRemove_Floor(benchmark::State &state) {
     }
 }
 
-BENCHMARK(BM_CreateRemove_Library);
-BENCHMARK(BM_CreateRemove_Floor);
+BENCHMARK(BM_CreateRemove_Library)->Name("create_remove/qor");
+BENCHMARK(BM_CreateRemove_Floor)->Name("create_remove/floor");
 
 // ---- Links -------------------------------------------------------------------------
 
@@ -217,7 +224,92 @@ void BM_Links_Floor(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * 1000);
 }
 
-BENCHMARK(BM_Links_Library);
-BENCHMARK(BM_Links_Floor);
+BENCHMARK(BM_Links_Library)->Name("links/qor");
+BENCHMARK(BM_Links_Floor)->Name("links/floor");
+
+// ---- Object locks with many held -------------------------------------------------
+
+// K lockable directories (each with its ".lock"), made once per K.
+const std::vector<std::string> &lock_objects(long k) {
+    static std::vector<std::string> paths;
+    Store &s = store();
+    const std::string dir = s.os_of("locks");
+    mkdir(dir.c_str(), 0777);
+    for (long i = static_cast<long>(paths.size()); i <= k; ++i) {
+        const std::string os = dir + "/o" + std::to_string(i);
+        mkdir(os.c_str(), 0777);
+        close(open((os + "/.lock").c_str(), O_WRONLY | O_CREAT, 0666));
+        paths.push_back(os);
+    }
+    return paths;
+}
+
+// Room for K held descriptors, or the benchmark says why not.
+bool descriptors_for(benchmark::State &state, long k) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t want = static_cast<rlim_t>(k) + 256;
+    if (limit.rlim_cur < want) {
+        limit.rlim_cur = limit.rlim_max < want ? limit.rlim_max : want;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    if (limit.rlim_cur < want) {
+        state.SkipWithError("descriptor limit below the locks to hold");
+        return false;
+    }
+    return true;
+}
+
+void ObjectLockHeld_Library(benchmark::State &state) {
+    const long k = state.range(0);
+    if (!descriptors_for(state, k)) return;
+    const std::vector<std::string> &paths = lock_objects(k);
+    for (long i = 1; i <= k; ++i) {
+        if (QOR_lock_object(("@" + paths[static_cast<size_t>(i)]).c_str(), 2, 3) != 0) abort();
+    }
+    const std::string path = "@" + paths[0];
+    for (auto _ : state) {
+        if (QOR_lock_object(path.c_str(), 2, 3) != 0) abort();
+        QOR_unlock_object(path.c_str(), 2);
+    }
+    for (long i = 1; i <= k; ++i) {
+        QOR_unlock_object(("@" + paths[static_cast<size_t>(i)]).c_str(), 2);
+    }
+}
+
+void lock_fd(int fd, short type) {
+    struct flock fl {};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    if (fcntl(fd, F_SETLK, &fl) != 0) abort();
+}
+
+void ObjectLockHeld_Floor(benchmark::State &state) {
+    const long k = state.range(0);
+    if (!descriptors_for(state, k)) return;
+    const std::vector<std::string> &paths = lock_objects(k);
+    std::vector<int> held;
+    for (long i = 1; i <= k; ++i) {
+        const int fd = open((paths[static_cast<size_t>(i)] + "/.lock").c_str(),
+                            O_RDWR | O_CLOEXEC);
+        lock_fd(fd, F_WRLCK);
+        held.push_back(fd);
+    }
+    const std::string path = paths[0] + "/.lock";
+    for (auto _ : state) {
+        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        lock_fd(fd, F_WRLCK);
+        lock_fd(fd, F_UNLCK);
+        close(fd);
+    }
+    for (int fd : held) close(fd);
+}
+
+void HeldLocks(benchmark::internal::Benchmark *b) {
+    for (long k : {1L, 1000L, 10000L, 100000L}) b->Arg(k);
+}
+
+BENCHMARK(ObjectLockHeld_Library)->Name("object_lock_held/qor")->Apply(HeldLocks);
+BENCHMARK(ObjectLockHeld_Floor)->Name("object_lock_held/floor")->Apply(HeldLocks);
 
 }  // namespace

@@ -133,7 +133,7 @@ void BM_qor_to_absolute_qor(benchmark::State &state) {
         QOR_free(r);
     }
 }
-BENCHMARK(BM_qor_to_absolute_qor)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_qor_to_absolute_qor)->Name("qor_to_absolute_qor/qor")->DenseRange(0, kCases - 1);
 
 void BM_SH_qor_to_absolute_qor(benchmark::State &state) {
     const Case &c = get_case(static_cast<int>(state.range(0)));
@@ -147,7 +147,7 @@ void BM_SH_qor_to_absolute_qor(benchmark::State &state) {
         QOR_FS_restore(&QOR_SH_fs_allocator, &mark);
     }
 }
-BENCHMARK(BM_SH_qor_to_absolute_qor)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_SH_qor_to_absolute_qor)->Name("qor_to_absolute_qor/qor_sh")->DenseRange(0, kCases - 1);
 
 void BM_qor_to_os(benchmark::State &state) {
     const Case &c = get_case(static_cast<int>(state.range(0)));
@@ -161,7 +161,7 @@ void BM_qor_to_os(benchmark::State &state) {
         QOR_free(r);
     }
 }
-BENCHMARK(BM_qor_to_os)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_qor_to_os)->Name("qor_to_os/qor")->DenseRange(0, kCases - 1);
 
 // Times fn's first call in a forked child, so that nothing of this process
 // is cached yet; negative when fn fails.
@@ -209,6 +209,7 @@ void BM_qor_to_absolute_qor_cold(benchmark::State &state) {
     run_cold(state, [&] { return QOR_qor_to_absolute_qor(c.qor.c_str()); });
 }
 BENCHMARK(BM_qor_to_absolute_qor_cold)
+    ->Name("qor_to_absolute_qor_cold/qor")
     ->DenseRange(0, kCases - 1)
     ->UseManualTime()
     ->Iterations(300);
@@ -221,6 +222,7 @@ void BM_floor_cold(benchmark::State &state) {
              [&] { return floor_normalise(c.base.c_str(), c.host.c_str()); });
 }
 BENCHMARK(BM_floor_cold)
+    ->Name("qor_to_absolute_qor_cold/floor")
     ->DenseRange(0, kCases - 1)
     ->UseManualTime()
     ->Iterations(300);
@@ -236,7 +238,7 @@ void BM_floor(benchmark::State &state) {
         free(r);
     }
 }
-BENCHMARK(BM_floor)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_floor)->Name("qor_to_absolute_qor/floor")->DenseRange(0, kCases - 1);
 
 // ---- Peers --------------------------------------------------------------------
 
@@ -263,7 +265,7 @@ void BM_apr_filepath_merge(benchmark::State &state) {
     }
     apr_pool_destroy(pool);
 }
-BENCHMARK(BM_apr_filepath_merge)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_apr_filepath_merge)->Name("qor_to_absolute_qor/apr")->DenseRange(0, kCases - 1);
 #endif
 
 #ifdef QOR_HAVE_GLIB
@@ -277,7 +279,7 @@ void BM_g_canonicalize_filename(benchmark::State &state) {
         g_free(r);
     }
 }
-BENCHMARK(BM_g_canonicalize_filename)->DenseRange(0, kCases - 1);
+BENCHMARK(BM_g_canonicalize_filename)->Name("qor_to_absolute_qor/glib")->DenseRange(0, kCases - 1);
 #endif
 
 }  // namespace

@@ -5,17 +5,22 @@
 // fixed buffers on the stack, no C++ runtime. A fatal error may longjmp
 // through the output callback's caller, so nothing here needs unwinding.
 
+#include <dlfcn.h>
 #include <nl_types.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string_view>
 
 #include "qor/catalog.h"
 
-#ifndef QOR_MSG_INSTALLED_CATALOGUE
-#define QOR_MSG_INSTALLED_CATALOGUE "/usr/local/share/qor/qor.cat"
+// Where the installed catalogue lies, relative to the directory this
+// library was loaded from (libdir to datadir, worked out when the build was
+// configured). Relative, so an install moved to any prefix still finds it.
+#ifndef QOR_MSG_CATALOGUE_FROM_LIBDIR
+#define QOR_MSG_CATALOGUE_FROM_LIBDIR "../share/qor/qor.cat"
 #endif
 
 namespace {
@@ -244,11 +249,39 @@ bool open_catalogue(const char *name, nl_catd *descriptor) {
     return true;
 }
 
+// Opens the catalogue installed beside this library:
+// <directory of libqor_msg>/QOR_MSG_CATALOGUE_FROM_LIBDIR. The address asked
+// about is one of the library's own internal data, never a function, whose
+// address a program may have taken over with a PLT entry of its own.
+bool open_beside_library(nl_catd *descriptor) {
+    Dl_info info;
+    if (dladdr(&catalogue, &info) == 0 || info.dli_fname == nullptr) {
+        return false;
+    }
+    const char *slash = strrchr(info.dli_fname, '/');
+    const int directory =
+        slash == nullptr ? 1 : static_cast<int>(slash - info.dli_fname);
+    char path[kPathSize];
+    const int length =
+        snprintf(path, sizeof path, "%.*s/%s", directory,
+                 slash == nullptr ? "." : info.dli_fname,
+                 QOR_MSG_CATALOGUE_FROM_LIBDIR);
+    if (length < 0 || length >= static_cast<int>(sizeof path)) return false;
+    return open_catalogue(path, descriptor);
+}
+
 // Opens the catalogue the caller asked for (see QOR_catalog_install).
 bool open_requested(const char *path, nl_catd *descriptor) {
     if (path == nullptr) {
+        // QOR_CATALOG names the file to use and, when set, is the only
+        // place looked at: a mistake in it shows as a failure instead of
+        // quietly giving some other catalogue.
+        const char *chosen = getenv("QOR_CATALOG");
+        if (chosen != nullptr && chosen[0] != '\0') {
+            return open_requested(chosen, descriptor);
+        }
         return open_catalogue("qor", descriptor) ||
-               open_catalogue(QOR_MSG_INSTALLED_CATALOGUE, descriptor);
+               open_beside_library(descriptor);
     }
     if (path[0] == '\0') return false;
     if (strchr(path, '/') != nullptr) return open_catalogue(path, descriptor);

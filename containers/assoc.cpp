@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "containers/assoc_index.h"
 #include "containers/pieces.h"
 #include "foundation/internal.h"
 
@@ -77,7 +78,9 @@ constexpr uint64_t kMinBuckets = 32;
 // Bytes a byte-wise string hash looks at: the middle of longer keys.
 constexpr int32_t kHashedBytes = 14;
 
+using qor::containers::AssocIndex;
 using qor::containers::Entry;
+using qor::containers::IndexedKey;
 using qor::containers::StringEntry;
 using qor::containers::handle;
 using qor::containers::piece;
@@ -138,6 +141,27 @@ Entry *lookup(QOR_ASSOC_table *t, uint64_t hash, const void *key) {
     return match_from(t, t->buckets[hash & t->mask], hash, key);
 }
 
+// A key as the table hashes it, and as its index (if any) does.
+struct Hashed {
+    AssocIndex *index;
+    IndexedKey key;
+};
+
+Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
+    AssocIndex *x = qor::containers::index_of(t);
+    if (x != nullptr) return {x, qor::containers::index_key(x, key)};
+    return {nullptr, {t->key_type->hash(t, key), 0, 0, true}};
+}
+
+// The first entry in chain order that holds the key: what the chain walk
+// finds, through the index where the table has one.
+Entry *lookup(QOR_ASSOC_table *t, const Hashed &h, const void *key) {
+    if (h.index != nullptr) {
+        return qor::containers::index_find(h.index, h.key, key);
+    }
+    return lookup(t, h.key.hash, key);
+}
+
 // Doubles the bucket array (more than once if the count asks for it) and
 // moves every entry over. Entries are pushed onto the heads of their new
 // chains in old-chain order, so entries that meet again come out reversed.
@@ -164,12 +188,16 @@ void grow(QOR_ASSOC_table *t) {
         t->key_type->hash_free(
             t, old, static_cast<uint32_t>(old_buckets * sizeof(Entry *)));
     }
+    if (AssocIndex *x = qor::containers::index_of(t)) {
+        qor::containers::index_regrown(x, t);
+    }
 }
 
 // Links a new entry for `key` at the head of its chain, growing the table
 // first when it already holds as many entries as it has buckets.
-Entry *add_entry(QOR_ASSOC_table *t, uint64_t hash, const void *key,
+Entry *add_entry(QOR_ASSOC_table *t, Hashed h, const void *key,
                  void *value) {
+    const uint64_t hash = qor::containers::index_chain_hash(h.key, key);
     if (t->fixed_size == 0 && t->count > static_cast<int32_t>(t->mask)) {
         grow(t);
     }
@@ -180,6 +208,7 @@ Entry *add_entry(QOR_ASSOC_table *t, uint64_t hash, const void *key,
     e->next = t->buckets[i];
     t->buckets[i] = e;
     t->count += 1;
+    if (h.index != nullptr) qor::containers::index_linked(h.index, e, h.key);
     if (kt->entry_init != nullptr) kt->entry_init(t, handle(e), key, value);
     if (t->trace) trace_entry(t, "inserted: ", e);
     return e;
@@ -412,6 +441,7 @@ QOR_ASSOC_table *QOR_ASSOC_table_create(int size,
         t, static_cast<uint32_t>(buckets * sizeof(Entry *)));
 
     push_front(QOR_ASSOC_tables, t);
+    qor::containers::index_create(t);
 
     if (t->trace) fprintf(stderr, "-- ASSOC table %s: created\n", name);
     return t;
@@ -432,6 +462,7 @@ void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table) {
                                             sizeof(Entry *)));
     }
     unlink(QOR_ASSOC_tables, table);
+    qor::containers::index_destroy(table);
     QOR_free(table->name);
     if (kt->table_free != nullptr) kt->table_free(kt, table, kt->table_size);
 }
@@ -460,11 +491,14 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
         table->buckets[b] = nullptr;
     }
     table->count = 0;
+    if (AssocIndex *x = qor::containers::index_of(table)) {
+        qor::containers::index_cleared(x);
+    }
 }
 
 QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
                                       const void *key) {
-    Entry *e = lookup(table, table->key_type->hash(table, key), key);
+    Entry *e = lookup(table, hash_key(table, key), key);
     if (table->trace) {
         if (e != nullptr) {
             trace_entry(table, "found ", e);
@@ -482,11 +516,15 @@ QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
                                           QOR_ASSOC_entry *previous) {
     Entry *e;
     if (previous == nullptr) {
-        e = lookup(table, table->key_type->hash(table, key), key);
+        e = lookup(table, hash_key(table, key), key);
     } else {
         // The hash is the previous entry's own: the key is not hashed again.
-        const Entry *p = previous;
-        e = match_from(table, next_of(p), p->hash, key);
+        Entry *p = previous;
+        AssocIndex *x = qor::containers::index_of(table);
+        bool walk = x == nullptr;
+        e = x != nullptr ? qor::containers::index_find_after(x, p, key, &walk)
+                         : nullptr;
+        if (walk) e = match_from(table, next_of(p), p->hash, key);
     }
     if (table->trace) {
         if (e != nullptr) {
@@ -501,7 +539,7 @@ QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
 QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
                                         const void *key, void *value,
                                         int *found) {
-    const uint64_t hash = table->key_type->hash(table, key);
+    const Hashed hash = hash_key(table, key);
     Entry *e = lookup(table, hash, key);
     if (found != nullptr) *found = e != nullptr ? 1 : 0;
     if (e != nullptr) return e;
@@ -511,7 +549,7 @@ QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
 QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(QOR_ASSOC_table *table,
                                                 const void *key, void *value,
                                                 int *replaced) {
-    const uint64_t hash = table->key_type->hash(table, key);
+    const Hashed hash = hash_key(table, key);
     Entry *old = lookup(table, hash, key);
     if (replaced != nullptr) *replaced = old != nullptr ? 1 : 0;
     QOR_ASSOC_table_remove(table, handle(old));
@@ -520,7 +558,7 @@ QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(QOR_ASSOC_table *table,
 
 QOR_ASSOC_entry *QOR_ASSOC_table_insert_dup(QOR_ASSOC_table *table,
                                             const void *key, void *value) {
-    return add_entry(table, table->key_type->hash(table, key), key, value);
+    return add_entry(table, hash_key(table, key), key, value);
 }
 
 void QOR_ASSOC_table_remove(QOR_ASSOC_table *table, QOR_ASSOC_entry *removed) {
@@ -539,7 +577,14 @@ void QOR_ASSOC_table_remove(QOR_ASSOC_table *table, QOR_ASSOC_entry *removed) {
 
     const uint64_t b = entry->hash & table->mask;
     Entry *e = table->buckets[b];
-    if (e == entry) {
+    if (AssocIndex *x = qor::containers::index_of(table)) {
+        // The index knows the entry's predecessor: no walk of the chain.
+        const bool linked = qor::containers::index_unlink(x, table, entry);
+        QOR_ASSERT(linked, kUnit,
+                   "QOR_ASSOC_table_remove called with an entry not in the "
+                   "table");
+        if (!linked) return;
+    } else if (e == entry) {
         table->buckets[b] = next_of(entry);
     } else {
         while (e != nullptr && next_of(e) != entry) e = next_of(e);

@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <stdio.h>
 
+#include "containers/assoc_index.h"
 #include "containers/pieces.h"
 #include "foundation/internal.h"
 
@@ -83,6 +84,11 @@ void atom_entry_print(FILE *stream, QOR_ASSOC_table *, QOR_ASSOC_entry *entry,
             e->key, e->atom);
 }
 
+}  // namespace
+
+// Known to the ASSOC tables, which index atom tables as string tables.
+namespace qor::containers {
+
 constinit const QOR_ASSOC_key_type atom_key_type = {
     QOR_ASSOC_string_hash,
     QOR_ASSOC_string_cmp,
@@ -106,7 +112,9 @@ constinit const QOR_ASSOC_key_type atom_key_type = {
     0,  // trace
 };
 
-}  // namespace
+}  // namespace qor::containers
+
+using qor::containers::atom_key_type;
 
 extern "C" {
 

@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "foundation/internal.h"
+#include "foundation/probe_table.h"
 #include "qor/memory.h"
 
 // The public record is part of the interface: its layout is fixed.
@@ -117,6 +118,232 @@ inline void *record_at(const QOR_SA_allocator *sa, uint32_t index) {
 // Real indices stay below the total of records, itself at most UINT32_MAX.
 constexpr uint32_t kNoIndex = UINT32_MAX;
 
+// ---- The allocator's private index ------------------------------------------
+//
+// Two searches would otherwise grow with the number of records: finding the
+// block of a released record (the blocks in order) and finding the next word
+// with a free record above the hint (the bitmap word by word). Beside the
+// public record, which the caller owns and whose layout is fixed, each
+// allocator has:
+//
+//  - a map from address granules to blocks: a granule is the power of two at
+//    least as large as an extension block's span, so a block touches at most
+//    two granules and a granule meets at most three blocks (block 0, whose
+//    span may differ, is tested first on its own);
+//  - a summary of the bitmap in two levels: bit w of level 1 is set when
+//    bitmap word w may have a free record (every word above the hint's that
+//    has one is marked; a mark left on a word that filled up is cleared by
+//    the search that finds it empty), bit v of level 2 when level-1 word v
+//    is not zero. The search for the next free word reads a few words.
+//
+// The answers are those of the plain searches (the lowest free record, the
+// first block that holds an address). The index notes which arrays and
+// counts it was built for; when the record no longer matches (a copied or
+// re-initialised allocator) it is built again from the record.
+
+// Small allocators (the library's own pools mostly hold a block or two)
+// search faster than they would keep an index: it is made once an allocator
+// reaches this size, and kept until it is destroyed.
+constexpr uint32_t kIndexedRecords = 1024;
+constexpr uint32_t kIndexedBlocks = 8;
+
+inline bool wants_index(const QOR_SA_allocator *sa) {
+    return sa->blocks_in_use >= kIndexedBlocks ||
+           total_records(sa) >= kIndexedRecords;
+}
+
+struct Granule {
+    uint64_t key;    // granule number + 1; 0: empty
+    uint32_t block;  // a block that meets the granule
+    bool empty() const { return key == 0; }
+    uint64_t home() const { return qor::mix(key); }
+};
+
+struct SideIndex {
+    const QOR_SA_allocator *sa;
+    // The state of the record the index describes.
+    void **blocks;
+    uint64_t *bitmaps;
+    uint32_t blocks_in_use;
+    uint32_t bitmaps_allocated;
+    uint32_t structure_size;
+    uint32_t extension_entries;
+    // Bitmap summary.
+    uint64_t *level1;
+    uint64_t *level2;
+    uint32_t level1_words;
+    uint32_t level2_words;
+    // Blocks 1 onwards by granule.
+    uint32_t shift;
+    qor::Probe<Granule> granules;
+};
+
+struct SideSlot {
+    const QOR_SA_allocator *sa;
+    SideIndex *index;
+    bool empty() const { return sa == nullptr; }
+    uint64_t home() const { return qor::address_hash(sa); }
+};
+
+constinit qor::Probe<SideSlot> side_indexes;
+constinit SideIndex *last_side = nullptr;
+
+uint64_t extension_span(const QOR_SA_allocator *sa) {
+    return uint64_t{sa->extension_entries} * sa->structure_size;
+}
+
+void granules_add(SideIndex *x, uint32_t block, uintptr_t base, uint64_t span) {
+    const uint64_t first = base >> x->shift;
+    const uint64_t last = (base + span - 1) >> x->shift;
+    for (uint64_t g = first; g <= last; ++g) {
+        x->granules.reserve_one();
+        Granule *slot = x->granules.place(qor::mix(g + 1));
+        slot->key = g + 1;
+        slot->block = block;
+    }
+}
+
+inline void summary_set(SideIndex *x, uint32_t word) {
+    x->level1[word / kBits] |= uint64_t{1} << (word % kBits);
+    const uint32_t v = word / kBits;
+    x->level2[v / kBits] |= uint64_t{1} << (v % kBits);
+}
+
+inline void summary_clear(SideIndex *x, uint32_t word) {
+    const uint32_t v = word / kBits;
+    x->level1[v] &= ~(uint64_t{1} << (word % kBits));
+    if (x->level1[v] == 0) x->level2[v / kBits] &= ~(uint64_t{1} << (v % kBits));
+}
+
+// Sizes the summary for the bitmap's words and sets it from the bitmap,
+// counting only words that back records.
+void summary_build(SideIndex *x, const QOR_SA_allocator *sa) {
+    free(x->level1);
+    free(x->level2);
+    x->level1_words = (sa->bitmaps_allocated + kBits - 1) / kBits + 1;
+    x->level2_words = (x->level1_words + kBits - 1) / kBits + 1;
+    x->level1 = static_cast<uint64_t *>(qor::zeroed(x->level1_words, 8));
+    x->level2 = static_cast<uint64_t *>(qor::zeroed(x->level2_words, 8));
+    const uint32_t words = total_records(sa) / kBits;
+    for (uint32_t w = 0; w < words; ++w) {
+        if (sa->bitmaps[w] != 0) summary_set(x, w);
+    }
+}
+
+void side_build(SideIndex *x, const QOR_SA_allocator *sa) {
+    x->blocks = sa->blocks;
+    x->bitmaps = sa->bitmaps;
+    x->blocks_in_use = sa->blocks_in_use;
+    x->bitmaps_allocated = sa->bitmaps_allocated;
+    x->structure_size = sa->structure_size;
+    x->extension_entries = sa->extension_entries;
+    summary_build(x, sa);
+    x->granules.release();
+    const uint64_t span = extension_span(sa);
+    x->shift = 0;
+    while (x->shift < 63 && (uint64_t{1} << x->shift) < span) x->shift += 1;
+    for (uint32_t b = 1; b < sa->blocks_in_use; ++b) {
+        granules_add(x, b, reinterpret_cast<uintptr_t>(sa->blocks[b]), span);
+    }
+}
+
+// The arrays move only when blocks are added, and a re-initialised record
+// has arrays of its own: those two tell a stale index.
+inline bool side_matches(const SideIndex *x, const QOR_SA_allocator *sa) {
+    return x->bitmaps == sa->bitmaps && x->blocks_in_use == sa->blocks_in_use;
+}
+
+// The index kept for an allocator, as it stands, or null.
+SideIndex *side_find(const QOR_SA_allocator *sa) {
+    if (side_indexes.slots == nullptr) return nullptr;
+    const uint64_t mask = side_indexes.mask;
+    for (uint64_t j = qor::address_hash(sa) & mask;; j = (j + 1) & mask) {
+        SideSlot *s = &side_indexes.slots[j];
+        if (s->empty()) return nullptr;
+        if (s->sa == sa) return s->index;
+    }
+}
+
+// The index of an allocator that has blocks, made or brought up to date.
+__attribute__((noinline)) SideIndex *side_lookup(const QOR_SA_allocator *sa) {
+    SideIndex *x = side_find(sa);
+    if (x == nullptr) {
+        x = static_cast<SideIndex *>(qor::zeroed(1, sizeof(SideIndex)));
+        x->sa = sa;
+        side_indexes.reserve_one();
+        SideSlot *s = side_indexes.place(qor::address_hash(sa));
+        s->sa = sa;
+        s->index = x;
+        side_build(x, sa);
+    } else if (!side_matches(x, sa)) {
+        side_build(x, sa);
+    }
+    last_side = x;
+    return x;
+}
+
+inline SideIndex *side_of(const QOR_SA_allocator *sa) {
+    SideIndex *x = last_side;
+    if (x != nullptr && x->sa == sa && side_matches(x, sa)) [[likely]] return x;
+    return side_lookup(sa);
+}
+
+void side_drop(const QOR_SA_allocator *sa) {
+    if (side_indexes.slots == nullptr) return;
+    const uint64_t mask = side_indexes.mask;
+    for (uint64_t j = qor::address_hash(sa) & mask;; j = (j + 1) & mask) {
+        SideSlot *s = &side_indexes.slots[j];
+        if (s->empty()) return;
+        if (s->sa == sa) {
+            SideIndex *x = s->index;
+            if (last_side == x) last_side = nullptr;
+            free(x->level1);
+            free(x->level2);
+            x->granules.release();
+            free(x);
+            side_indexes.erase(s);
+            return;
+        }
+    }
+}
+
+// The first word from `from` on (below the words backing records) whose
+// summary bit is set, or kNoIndex.
+uint32_t next_marked_word(const SideIndex *x, uint32_t from, uint32_t words) {
+    if (from >= words) return kNoIndex;
+    uint32_t v = from / kBits;
+    uint64_t bits = x->level1[v] & (kAllFree << (from % kBits));
+    if (bits == 0) {
+        const uint32_t next_v = v + 1;
+        uint32_t u = next_v / kBits;
+        if (u >= x->level2_words) return kNoIndex;
+        uint64_t upper = x->level2[u] & (next_v % kBits == 0
+                                             ? kAllFree
+                                             : kAllFree << (next_v % kBits));
+        while (upper == 0) {
+            if (++u >= x->level2_words) return kNoIndex;
+            upper = x->level2[u];
+        }
+        v = u * kBits + static_cast<uint32_t>(__builtin_ctzll(upper));
+        bits = x->level1[v];
+    }
+    const uint32_t word = v * kBits + static_cast<uint32_t>(__builtin_ctzll(bits));
+    return word < words ? word : kNoIndex;
+}
+
+// The first word from `from` on with a free record, or kNoIndex. A set
+// summary bit may be stale (allocations leave them be): such a word is
+// found empty here, and its bit cleared, once.
+uint32_t next_free_word(SideIndex *x, const uint64_t *bitmaps, uint32_t from,
+                        uint32_t words) {
+    for (;;) {
+        const uint32_t word = next_marked_word(x, from, words);
+        if (word == kNoIndex || bitmaps[word] != 0) return word;
+        summary_clear(x, word);
+        from = word + 1;
+    }
+}
+
 // The block where the last lookup succeeded, with what a lookup needs of
 // it: records are mostly released soon after they are taken, from the same
 // block. Only a hint: it names its allocator and block address, is checked
@@ -136,11 +363,11 @@ void forget_block_hint(const QOR_SA_allocator *sa) {
     if (last_block.sa == sa) last_block.sa = nullptr;
 }
 
-// The index of the record that `address` points into, searching the blocks
-// in order; kNoIndex when it lies in none of them. Addresses are compared
-// as integers, since the pointer may belong to anything at all: one below a
-// block wraps round to a huge offset and fails the range test as well.
-// Blocks never overlap, so the first block found is the only one.
+// The index of the record that `address` points into; kNoIndex when it
+// lies in none of the blocks. Addresses are compared as integers, since the
+// pointer may belong to anything at all: one below a block wraps round to a
+// huge offset and fails the range test as well. Block 0 is tested first,
+// then the blocks that meet the address's granule.
 __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
                                                  uintptr_t address) {
     const uint32_t blocks = sa->blocks_in_use;
@@ -151,12 +378,36 @@ __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
     uint64_t span = sa->initial_entries * size;
     uintptr_t base = reinterpret_cast<uintptr_t>(array[0]);
     if (address - base >= span) {
-        // Every further block has the same span: the test is a load, a
-        // subtraction and a comparison per block.
         span = sa->extension_entries * size;
-        for (block = 1; block < blocks; ++block) {
-            base = reinterpret_cast<uintptr_t>(array[block]);
-            if (address - base < span) break;
+        if (!wants_index(sa)) {
+            // Few blocks: each is a load, a subtraction and a comparison.
+            for (block = 1; block < blocks; ++block) {
+                base = reinterpret_cast<uintptr_t>(array[block]);
+                if (address - base < span) break;
+            }
+            if (block == blocks) return kNoIndex;
+            const uint32_t first_index =
+                sa->initial_entries + (block - 1) * sa->extension_entries;
+            last_block = {sa, base, span, block, first_index};
+            return first_index + position_of(address - base, sa->structure_size);
+        }
+        const SideIndex *x = side_of(sa);
+        const uint64_t key = (address >> x->shift) + 1;
+        const auto &granules = x->granules;
+        block = blocks;
+        if (granules.slots != nullptr) {
+            for (uint64_t j = qor::mix(key) & granules.mask;;
+                 j = (j + 1) & granules.mask) {
+                const Granule &g = granules.slots[j];
+                if (g.empty()) break;
+                if (g.key != key) continue;
+                const uintptr_t b = reinterpret_cast<uintptr_t>(array[g.block]);
+                if (address - b < span) {
+                    block = g.block;
+                    base = b;
+                    break;
+                }
+            }
         }
         if (block == blocks) return kNoIndex;
     }
@@ -229,6 +480,7 @@ T *grow(T *array, uint32_t entries) {
 // Rare, so kept out of line: allocation itself stays small.
 __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
     forget_block_hint(sa);
+    if (sa->blocks == nullptr) side_drop(sa);
     const bool first = sa->blocks == nullptr;
     if (first) {
         sa->initial_entries = round_to_word(sa->initial_entries);
@@ -270,6 +522,30 @@ __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
     sa->blocks_in_use += 1;
     sa->free_entries = records;
     sa->first_free_hint = first_index;
+
+    // The index follows: a first block (or a record it does not know)
+    // builds it afresh, a further one adds its granules and summary bits.
+    if (!wants_index(sa)) return;
+    SideIndex *x = side_find(sa);
+    if (first || x == nullptr || x->blocks_in_use + 1 != sa->blocks_in_use ||
+        x->structure_size != sa->structure_size ||
+        x->extension_entries != sa->extension_entries) {
+        side_lookup(sa);
+        return;
+    }
+    last_side = x;
+    x->blocks = sa->blocks;
+    x->bitmaps = sa->bitmaps;
+    x->blocks_in_use = sa->blocks_in_use;
+    if (x->bitmaps_allocated != sa->bitmaps_allocated) {
+        x->bitmaps_allocated = sa->bitmaps_allocated;
+        summary_build(x, sa);  // with the new block's words
+    } else {
+        for (uint32_t w = first_word; w < needed; ++w) summary_set(x, w);
+    }
+    granules_add(x, sa->blocks_in_use - 1,
+                 reinterpret_cast<uintptr_t>(sa->blocks[sa->blocks_in_use - 1]),
+                 extension_span(sa));
 }
 
 // The search ran past the records although the free count said one was
@@ -294,15 +570,23 @@ inline uint32_t take_record(QOR_SA_allocator *sa) {
         free_bits = bitmaps[word] & (kAllFree << (hint % kBits));
     }
     if (free_bits == 0) {
-        // Blocks hold whole words, so the records end on a word boundary.
+        // The next word with a free record, from the summary. Blocks hold
+        // whole words, so the records end on a word boundary.
         const uint32_t words = total_records(sa) / kBits;
-        do {
-            if (++word >= words) [[unlikely]] return free_count_wrong();
+        if (wants_index(sa)) {
+            word = next_free_word(side_of(sa), bitmaps, word + 1, words);
+            if (word == kNoIndex) [[unlikely]] return free_count_wrong();
             free_bits = bitmaps[word];
-        } while (free_bits == 0);
+        } else {
+            do {
+                if (++word >= words) [[unlikely]] return free_count_wrong();
+                free_bits = bitmaps[word];
+            } while (free_bits == 0);
+        }
     }
     const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
     bitmaps[word] &= ~(uint64_t{1} << bit);
+
     const uint32_t index = word * kBits + bit;
     sa->free_entries -= 1;
     sa->first_free_hint = index + 1;
@@ -334,10 +618,29 @@ __attribute__((noinline)) void *allocate_in_new_block(QOR_SA_allocator *sa) {
 }
 
 // Marks record `index` free again.
+// The summary need only cover words above the hint's: the search reads the
+// hint's word itself, and every record below the hint is in use. So a
+// record given back above the hint's word marks its word, and a hint that
+// drops to a lower word marks the word it leaves if that has free records.
+__attribute__((noinline)) void mark_word(QOR_SA_allocator *sa, uint32_t word) {
+    if (wants_index(sa)) summary_set(side_of(sa), word);
+}
+
 inline void give_back(QOR_SA_allocator *sa, uint32_t index) {
-    sa->bitmaps[index / kBits] |= uint64_t{1} << (index % kBits);
+    const uint32_t word = index / kBits;
+    const uint32_t hint = sa->first_free_hint;
+    const uint32_t hint_word = hint / kBits;
+    sa->bitmaps[word] |= uint64_t{1} << (index % kBits);
     sa->free_entries += 1;
-    if (index < sa->first_free_hint) sa->first_free_hint = index;
+    if (index < hint) {
+        sa->first_free_hint = index;
+        if (word < hint_word && hint_word < sa->bitmaps_allocated &&
+            sa->bitmaps[hint_word] != 0) {
+            mark_word(sa, hint_word);
+        }
+    } else if (word > hint_word) {
+        mark_word(sa, word);
+    }
 }
 
 // The release hook runs before the record is marked free.
@@ -403,6 +706,7 @@ QOR_API void QOR_SA_release_all(QOR_SA_allocator *sa) {
     }
     sa->free_entries = total_records(sa);
     sa->first_free_hint = 0;
+    if (wants_index(sa)) summary_build(side_of(sa), sa);
 }
 
 QOR_API void *QOR_SA_next(QOR_SA_allocator *sa, const void *record) {
@@ -424,6 +728,7 @@ QOR_API void *QOR_SA_next(QOR_SA_allocator *sa, const void *record) {
 QOR_API void QOR_SA_destroy(QOR_SA_allocator *sa) {
     release_hook_all(sa);
     forget_block_hint(sa);
+    side_drop(sa);
     for (uint32_t block = 0; block < sa->blocks_in_use; ++block) {
         QOR_free(sa->blocks[block]);
     }

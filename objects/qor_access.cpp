@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "foundation/host.h"
+#include "foundation/host_files.h"
 #include "foundation/internal.h"
 #include "objects/object_paths.h"
 #include "qor/objects.h"
@@ -277,9 +278,16 @@ int set_entry(ObjectPaths *paths, const Check &c, int permission_class,
     const mode_t bits = class_bits(c.mode, permission_class);
     const mode_t now = st.st_mode & 07777;
     if (grant ? (now & bits) == bits : (now & bits) == 0) return 0;
-    if (chmod(os, grant ? now | bits : now & ~bits) != 0) {
-        return qor::host::record_errno(os, QOR_CTX_SET_PERMISSIONS);
-    }
+    const mode_t mode = grant ? now | bits : now & ~bits;
+    // The object's own file or directory is the caller's to name, links
+    // included; a member is changed only through a checked descriptor, so
+    // a link or a device planted at its name is refused, never changed.
+    const bool member = c.mapper == lock_ || c.mapper == body_ ||
+                        c.mapper == index_;
+    const int r = member ? qor::host::chmod_member(os, mode)
+                         : qor::host::retry_eintr(
+                               [&] { return chmod(os, mode); });
+    if (r != 0) return qor::host::record_errno(os, QOR_CTX_SET_PERMISSIONS);
     return 0;
 }
 

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "foundation/host.h"
+#include "foundation/host_files.h"
 #include "foundation/internal.h"
 #include "objects/contents.h"
 #include "objects/object_paths.h"
@@ -68,14 +69,20 @@ int truncating_flags(uint32_t flags) {
     return (host_flags(flags) | O_TRUNC) & ~(O_CREAT | O_EXCL);
 }
 
-// open with permission bits 0777; a creating open that meets a full disc
-// asks the disc-full handler, like every other create.
-int open_host(const char *os, int host, int context) {
-    if (host & O_CREAT) {
-        return qor::host::retry_disc_full(
-            [&] { return open(os, host, 0777); }, os, context);
-    }
-    return retry_eintr([&] { return open(os, host, 0777); });
+// open with permission bits 0777 through the seam's member-file open: only
+// a regular file is opened, without blocking on a FIFO, and a missing file
+// is created exclusively, never through a dangling link. A member of an
+// object is never reached through a link (follow false); a path the caller
+// named itself may be one. A creating open that meets a full disc asks the
+// disc-full handler, like every other create.
+int open_host(const char *os, int host, int context, bool follow) {
+    qor::host::MemberOpen how;
+    how.follow = follow;
+    // A path the caller named may be a directory (opened to read it or to
+    // make its changes durable); a member is always a regular file.
+    if (follow) how.kind = qor::host::MemberKind::file_or_directory;
+    how.disc_full_context = context;
+    return qor::host::open_member(os, host, 0777, how);
 }
 
 // The lock mode a request leaves behind: 0, 1 (shared) or 3 (exclusive).
@@ -95,12 +102,40 @@ struct flock whole_file(short type) {
     return fl;
 }
 
-// Frees the path and gives the record back to the pool.
+// Records in one block of the pool: the settings rounded as the allocator
+// rounds them when it adds its first block.
+uint64_t block_records(uint32_t entries) {
+    return entries == 0 ? 64 : (uint64_t{entries} + 63) / 64 * 64;
+}
+
+// Whether the record lies in one of the pool's blocks. The file layer's
+// handles share the record's layout but come from basic space; closing
+// either kind must give it back where it came from.
+bool pooled(const QOR_contents_record *rec) {
+    const auto *p = reinterpret_cast<const char *>(rec);
+    for (uint32_t b = 0; b < contents_pool.blocks_in_use; ++b) {
+        const auto *base = static_cast<const char *>(contents_pool.blocks[b]);
+        const uint64_t records = block_records(
+            b == 0 ? contents_pool.initial_entries
+                   : contents_pool.extension_entries);
+        if (p >= base && p < base + records * sizeof(QOR_contents_record)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Frees the path and gives the record back to the pool, or to basic space
+// for a handle of the file layer.
 void release(QOR_contents_record *rec) {
     if (rec->path != nullptr) QOR_free(rec->path);
     rec->path = nullptr;
     rec->stream = nullptr;
-    QOR_SA_release(&contents_pool, rec);
+    if (pooled(rec)) {
+        QOR_SA_release(&contents_pool, rec);
+    } else {
+        QOR_free(rec);
+    }
 }
 
 // The last OS path known to read back as a qor path. For an absolute OS
@@ -129,7 +164,7 @@ bool reads_as_qor_path(const char *os_path) {
 // Opening once the OS path is known (steps 2 to 9 of QOR_open_file), in a
 // bracket of the shared freestore.
 int open_os(const char *os, int idle, uint32_t flags, unsigned int request,
-            QOR_contents_record **result) {
+            bool follow, QOR_contents_record **result) {
     if ((flags & QOR_OPEN_READ) && (flags & QOR_OPEN_TRUNCATE)) {
         return QOR_record_os_error(EINVAL, os, QOR_CTX_OPEN);
     }
@@ -137,7 +172,7 @@ int open_os(const char *os, int idle, uint32_t flags, unsigned int request,
     if ((flags & QOR_OPEN_TRUNCATE) && request == QOR_LOCK_NONE) {
         host |= O_TRUNC;
     }
-    const int fd = open_host(os, host, QOR_CTX_OPEN);
+    const int fd = open_host(os, host, QOR_CTX_OPEN, follow);
     if (fd < 0) return record_errno(os, QOR_CTX_OPEN);
 
     auto *rec =
@@ -157,7 +192,7 @@ int open_os(const char *os, int idle, uint32_t flags, unsigned int request,
             // the first descriptor drops the process's locks on the file,
             // so the new one is locked again, without waiting.
             const int fresh = open_host(rec->path, truncating_flags(flags),
-                                        QOR_CTX_OPEN);
+                                        QOR_CTX_OPEN, follow);
             if (fresh < 0) {
                 status = record_errno(rec->path, QOR_CTX_OPEN);
             } else {
@@ -183,7 +218,7 @@ int open_file(const char *path, int is_directory, int idle, uint32_t flags,
     const char *os = is_directory != 0 ? QOR_SH_qor_to_os_dir(path)
                                        : QOR_SH_qor_to_os(path, 0);
     if (os == nullptr) return QOR_E_UNTRANSLATABLE;
-    return open_os(os, idle, flags, request, result);
+    return open_os(os, idle, flags, request, true, result);
 }
 
 // Opens a member file of an object. Its OS path is the translation of the
@@ -196,7 +231,7 @@ int open_member(const char *path, const char *member, int idle,
     ObjectPaths paths = object_paths(path);
     const char *os = member_os(&paths, member);
     if (os == nullptr) return QOR_E_UNTRANSLATABLE;
-    return open_os(os, idle, flags, request, result);
+    return open_os(os, idle, flags, request, false, result);
 }
 
 // QOR_open_contents inside its bracket.
@@ -334,6 +369,19 @@ int lock_record(QOR_contents_record *rec, unsigned int request) {
     return 0;
 }
 
+void release_record(QOR_contents_record *rec) { release(rec); }
+
+// QOR_open_file for a member file named by its full qor path: as
+// open_file, but a link at the name is refused.
+int open_member_file(const char *path, int idle, uint32_t flags,
+                     unsigned int request, QOR_contents_record **result) {
+    return bracketed([&] {
+        const char *os = path != nullptr ? QOR_SH_qor_to_os(path, 0) : nullptr;
+        if (os == nullptr) return static_cast<int>(QOR_E_UNTRANSLATABLE);
+        return open_os(os, idle, flags, request, false, result);
+    });
+}
+
 }  // namespace qor::objects
 
 extern "C" {
@@ -374,9 +422,11 @@ int QOR_lock_contents(QOR_contents_record *rec, unsigned int lock_request) {
 
 int QOR_unlock_contents(QOR_contents_record *rec) {
     if (rec->lock_mode == 0) return 0;
-    // Unlocking never waits, so it is not made again on EINTR.
+    // Unlocking never waits, but a signal can still interrupt it: it is
+    // made again like every other call, so that an interrupted unlock is
+    // neither left half done nor reported as a failure.
     struct flock fl = whole_file(F_UNLCK);
-    if (fcntl(rec->fd, F_SETLK, &fl) == -1) {
+    if (retry_eintr([&] { return fcntl(rec->fd, F_SETLK, &fl); }) == -1) {
         return record_errno(rec->path, QOR_CTX_UNLOCK_CONTENTS);
     }
     rec->lock_mode = 0;
@@ -442,7 +492,8 @@ int QOR_truncate_contents(QOR_contents_record *rec) {
     // Open the file again emptied and put the new open file in place of the
     // old under the record's descriptor number, which callers may hold.
     const int fresh =
-        open_host(rec->path, truncating_flags(rec->flags), QOR_CTX_TRUNCATE);
+        open_host(rec->path, truncating_flags(rec->flags), QOR_CTX_TRUNCATE,
+                  true);
     if (fresh < 0) return record_errno(rec->path, QOR_CTX_TRUNCATE);
     // These two failures are reported against an empty path.
     const int fd_flags = retry_eintr([&] { return fcntl(rec->fd, F_GETFD); });

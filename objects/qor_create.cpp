@@ -33,14 +33,15 @@ int create(const char *path, unsigned int type) {
     for (unsigned int m = 0; m < members; ++m) {
         status = make_empty_file(kMembers[m](path));
         if (status != 0) {
-            // Undo in reverse order: the failed member (a make whose close
-            // failed leaves it behind), the members made before it, then
-            // the directory. Missing members are passed over quietly; other
-            // failures of the undo are recorded as they happen, and the
-            // caller learns of the failure that started it.
-            for (unsigned int undo = m + 1; undo > 0; --undo) {
-                remove_file(kMembers[undo - 1](path), true);
-            }
+            // Undo in reverse order, whichever member failed: ".body" and
+            // ".lock", each quietly when missing, then the directory.
+            // ".index" is never a member made before a failure, so it is
+            // not removed: a failing ".index" leaves nothing to undo there,
+            // and trying would record a second error for a file that was
+            // never made. Other failures of the undo are recorded as they
+            // happen, and the caller learns of the failure that started it.
+            remove_file(QOR_SH_body_path(path), true);
+            remove_file(QOR_SH_lock_path(path), true);
             remove_directory(path);
             return status;
         }

@@ -11,6 +11,7 @@
 #include <string.h>
 
 #include "foundation/internal.h"
+#include "foundation/probe_table.h"
 #include "objects/contents.h"
 #include "objects/object_paths.h"
 #include "qor/objects.h"
@@ -37,15 +38,37 @@ constinit QOR_SA_allocator lock_pool =
     QOR_SA_INITIALISER(sizeof(ObjectLock), 32, 32, nullptr, nullptr);
 constinit ObjectLock *table_head = nullptr;
 
-ObjectLock *find(const char *absolute) {
-    for (ObjectLock *e = table_head; e != nullptr; e = e->next) {
-        if (strcmp(e->path, absolute) == 0) return e;
+// Beside the list, an index of its entries by path: a process that holds
+// thousands of object locks finds each one without walking the list.
+struct PathSlot {
+    uint64_t hash;  // of the path
+    ObjectLock *entry;
+    bool empty() const { return entry == nullptr; }
+    uint64_t home() const { return hash; }
+};
+constinit qor::Probe<PathSlot> by_path;
+
+uint64_t path_hash(const char *path) {
+    return qor::bytes_hash(path, strlen(path));
+}
+
+PathSlot *slot_of(const char *absolute, uint64_t hash) {
+    if (by_path.slots == nullptr) return nullptr;
+    for (uint64_t j = hash & by_path.mask;; j = (j + 1) & by_path.mask) {
+        PathSlot *s = &by_path.slots[j];
+        if (s->empty()) return nullptr;
+        if (s->hash == hash && strcmp(s->entry->path, absolute) == 0) return s;
     }
-    return nullptr;
+}
+
+ObjectLock *find(const char *absolute) {
+    PathSlot *s = slot_of(absolute, path_hash(absolute));
+    return s != nullptr ? s->entry : nullptr;
 }
 
 // Unlinks the entry, closes its ".lock" (dropping any lock) and frees it.
 void remove_entry(ObjectLock *e) {
+    by_path.erase(slot_of(e->path, path_hash(e->path)));
     if (e->previous != nullptr) e->previous->next = e->next;
     else table_head = e->next;
     if (e->next != nullptr) e->next->previous = e->previous;
@@ -97,8 +120,8 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
         if (status != 0) return status;
     }
     QOR_contents_record *record = nullptr;
-    const int status = QOR_open_file(
-        lock_path, 0, 0, writable ? QOR_OPEN_READ_WRITE : QOR_OPEN_READ,
+    const int status = open_member_file(
+        lock_path, 0, writable ? QOR_OPEN_READ_WRITE : QOR_OPEN_READ,
         request, &record);
     if (status != 0) return status;
 
@@ -110,6 +133,11 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     e->next = table_head;
     if (table_head != nullptr) table_head->previous = e;
     table_head = e;
+    const uint64_t hash = path_hash(e->path);
+    by_path.reserve_one();
+    PathSlot *slot = by_path.place(hash);
+    slot->hash = hash;
+    slot->entry = e;
     return 0;
 }
 

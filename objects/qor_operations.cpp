@@ -79,7 +79,16 @@ int copy_data(const QOR_contents_record *source,
 // target that did not exist before is removed again: also when its open
 // made it and then failed to lock it, and when the source fails to close
 // after a complete copy, so that a failed copy never leaves a new file.
-int copy_file(const char *source, const char *target, int idle) {
+// QOR_open_file with open_member_file's signature.
+int open_plain_file(const char *path, int idle, uint32_t flags,
+                    unsigned int request, QOR_contents_record **result) {
+    return QOR_open_file(path, 0, idle, flags, request, result);
+}
+
+// member: source and target are member files of objects, never reached
+// through a link; otherwise they are plain-file objects the caller named.
+int copy_file(const char *source, const char *target, int idle,
+              bool member) {
     if (source == nullptr || target == nullptr) return QOR_E_UNTRANSLATABLE;
     int32_t existed = 0;
     int status = QOR_is_accessible(target, QOR_PLAIN_FILE, QOR_ACCESS_EXISTS,
@@ -88,12 +97,13 @@ int copy_file(const char *source, const char *target, int idle) {
 
     const bool lock = QOR_lock_on_copy != 0;
     QOR_contents_record *in = nullptr;
-    status = QOR_open_file(source, 0, idle, QOR_OPEN_READ,
+    const auto open = member ? open_member_file : open_plain_file;
+    status = open(source, idle, QOR_OPEN_READ,
                            lock ? QOR_LOCK_SHARED : QOR_LOCK_NONE, &in);
     if (status != 0) return status;
     QOR_contents_record *out = nullptr;
-    status = QOR_open_file(
-        target, 0, idle,
+    status = open(
+        target, idle,
         existed ? QOR_OPEN_READ_WRITE | QOR_OPEN_TRUNCATE
                 : QOR_OPEN_WRITE | QOR_OPEN_CREATE,
         lock ? QOR_LOCK_EXCLUSIVE : QOR_LOCK_NONE, &out);
@@ -126,7 +136,7 @@ int bad_type(const char *path, int context) {
 
 int copy_object(const char *source, unsigned int type, const char *target) {
     if (type > QOR_IDLE_OBJECT) return bad_type(target, QOR_CTX_COPY_CONTENTS);
-    if (type == QOR_PLAIN_FILE) return copy_file(source, target, 0);
+    if (type == QOR_PLAIN_FILE) return copy_file(source, target, 0, false);
 
     int status = make_directory(target);
     const bool made_directory = status == 0;
@@ -152,12 +162,12 @@ int copy_object(const char *source, unsigned int type, const char *target) {
 
     const int idle = type == QOR_IDLE_OBJECT ? 1 : 0;
     status = copy_file(QOR_SH_body_path(source), QOR_SH_body_path(target),
-                       idle);
+                       idle, true);
     const bool made_body = status == 0;
     const bool body_failed = status != 0 && status != QOR_E_TARGET_EXISTS;
     if (!body_failed && type == QOR_IDLE_OBJECT) {
         status = copy_file(QOR_SH_index_path(source),
-                           QOR_SH_index_path(target), idle);
+                           QOR_SH_index_path(target), idle, true);
     }
     if (status == 0 || status == QOR_E_TARGET_EXISTS) return status;
 

@@ -61,8 +61,11 @@ int make_directory(const char *qor_path) {
 int make_empty_file(const char *qor_path) {
     return on_os_path(qor_path, os_file, [](const char *os) {
         const int fd = qor::host::retry_disc_full(
-            [&] { return open(os, O_WRONLY | O_CREAT | O_EXCL, 0777); }, os,
-            QOR_CTX_CREATE_FILE);
+            [&] {
+                return open(os, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
+                            0777);
+            },
+            os, QOR_CTX_CREATE_FILE);
         if (fd < 0) return make_failed(os, QOR_CTX_CREATE_FILE);
         if (close(fd) != 0) {
             return qor::host::record_errno(os, QOR_CTX_CREATE_FILE);

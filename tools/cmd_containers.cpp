@@ -16,15 +16,11 @@ constexpr int kHashedBytes = 14;  // the ASSOC string hash's window
 
 // qor assoc-hash KEY...: the ASSOC string hash of each key, its bucket in a
 // new table, and the bytes the hash looked at.
-int assoc_hash(int argc, char **argv) {
-    if (argc < 2) {
-        fprintf(stderr, "usage: qor assoc-hash KEY...\n");
-        return 2;
-    }
+int assoc_hash(Invocation &in) {
     QOR_ASSOC_table *t = QOR_ASSOC_table_create(0, QOR_ASSOC_string_key_type,
                                                 "assoc-hash", nullptr);
-    for (int i = 1; i < argc; ++i) {
-        const char *key = argv[i];
+    for (int i = 0; i < in.count; ++i) {
+        const char *key = in.operands[i];
         const int n = static_cast<int>(strlen(key));
         const int start = n > kHashedBytes ? (n - kHashedBytes) / 2 : 0;
         const int span = n > kHashedBytes ? kHashedBytes : n;
@@ -34,7 +30,7 @@ int assoc_hash(int argc, char **argv) {
                static_cast<int>(t->mask + 1), span, key + start);
     }
     QOR_ASSOC_table_destroy(t);
-    return 0;
+    return kExitOk;
 }
 
 void *word(long v) { return reinterpret_cast<void *>(static_cast<intptr_t>(v)); }
@@ -151,10 +147,13 @@ int tour_table() {
 }  // namespace
 
 const Command containers_commands[] = {
-    {"assoc-hash", "KEY...",
+    {"assoc-hash", assoc_hash, "KEY...",
      "the ASSOC string hash of each key and its bucket in a new table",
-     assoc_hash},
-    {nullptr, nullptr, nullptr, nullptr}};
+     "Prints, tab-separated, each KEY, its ASSOC string hash, the bucket it "
+     "falls\nin in a new table of the default size, and the bytes the hash "
+     "looked at\n(at most 14, from the middle of a longer key).",
+     nullptr, 1, -1},
+    {}};
 
 int tour_containers() {
     tour_heading("Associative containers: hash tables, scans and atoms");

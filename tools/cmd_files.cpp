@@ -4,7 +4,7 @@
 
 namespace qor_tool {
 
-const Command files_commands[] = {{nullptr, nullptr, nullptr, nullptr}};
+const Command files_commands[] = {{}};
 
 int tour_files() { return 0; }
 

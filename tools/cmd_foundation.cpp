@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <qor/catalog.h>
+#include <qor/objects.h>
 #include <setjmp.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -78,6 +79,10 @@ constexpr CodeInfo kStatusCodes[] = {
     {QOR_E_NO_OWNER, "QOR_E_NO_OWNER",
      "the owner name of the process could not be found"},
     {QOR_E_OTHER, "QOR_E_OTHER", "any other OS error"},
+    {QOR_E_IDLE_READ_INCOMPLETE, "QOR_E_IDLE_READ_INCOMPLETE",
+     "an idle block could not be read whole: a call transferred no bytes"},
+    {QOR_E_IDLE_WRITE_INCOMPLETE, "QOR_E_IDLE_WRITE_INCOMPLETE",
+     "an idle block could not be written whole: a call transferred no bytes"},
     {QOR_MSG_UNAVAILABLE, "QOR_MSG_UNAVAILABLE",
      "the message system is unavailable (from the message operations)"},
 };
@@ -138,23 +143,6 @@ const CodeInfo *find_code(const CodeInfo (&table)[N], int code) {
     return nullptr;
 }
 
-// A whole decimal integer in int range, or false.
-bool parse_int(const char *text, int *value) {
-    if (text == nullptr || *text == '\0') return false;
-    char *end = nullptr;
-    errno = 0;
-    const long v = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || v < INT_MIN || v > INT_MAX) return false;
-    *value = static_cast<int>(v);
-    return true;
-}
-
-int bad_usage(const char *command, const char *usage, const char *problem) {
-    fprintf(stderr, "qor %s: %s\nusage: qor %s %s\n", command, problem,
-            command, usage);
-    return 2;
-}
-
 // The catalogue's text of a message with its placeholders shown as they
 // are written: each parameter is its own placeholder, so "$0" comes back
 // as "$0". Empty when there is no catalogue or no such message.
@@ -187,28 +175,39 @@ void print_catalogue_line(int number) {
     }
 }
 
-int run_status(int argc, char **argv) {
-    const char *usage = "CODE";
-    if (argc != 2) return bad_usage("status", usage, "expects one CODE");
-    int code = 0;
-    if (!parse_int(argv[1], &code)) {
-        const std::string problem =
-            std::string("CODE must be an integer, not \"") + argv[1] + "\"";
-        return bad_usage("status", usage, problem.c_str());
+// Messages that are no status of an operation, but that the library
+// prints: "qor status" explains them as well.
+constexpr CodeInfo kMessageCodes[] = {
+    {2501, "message 2501",
+     "a note of the freestore allocator: the count of oversized chunks was "
+     "wrong and has been repaired"},
+};
+
+int run_status(Invocation &in) {
+    long long value = 0;
+    if (!number_operand(in, in.operands[0], "CODE", INT_MIN, INT_MAX, &value)) {
+        return kExitUsage;
     }
+    const int code = static_cast<int>(value);
     if (const CodeInfo *c = find_code(kStatusCodes, code)) {
         printf("%d %s: status code: %s\n", code, c->name, c->meaning);
-        if (code > 2000 && code < 2100) print_catalogue_line(code - 2000);
-        return 0;
+        if (code > 2000 && code < 2500) print_catalogue_line(code - 2000);
+        return kExitOk;
     }
     if (const CodeInfo *c = find_code(kContextCodes, code)) {
         printf("%d %s: context code: the operation that failed was: %s\n",
                code, c->name, c->meaning);
         print_catalogue_line(code - 2000);
-        return 0;
+        return kExitOk;
     }
-    printf("%d: not a status or context code of libqor\n", code);
-    return 1;
+    if (const CodeInfo *c = find_code(kMessageCodes, code)) {
+        printf("%d: %s\n", code, c->meaning);
+        print_catalogue_line(code);
+        return kExitOk;
+    }
+    fprintf(stderr, "qor status: cannot explain: %d: not a status or context "
+                    "code of libqor\n", code);
+    return kExitFailed;
 }
 
 // One message as an output callback received it.
@@ -249,23 +248,16 @@ std::string format_captured(const Captured &m) {
     return line;
 }
 
-int run_errno(int argc, char **argv) {
-    const char *usage = "ERRNO [NAME [CONTEXT]]";
-    if (argc < 2 || argc > 4) {
-        return bad_usage("errno", usage, "expects an ERRNO value");
+int run_errno(Invocation &in) {
+    long long os_error = 0, context = QOR_CTX_OPEN;
+    if (!number_operand(in, in.operands[0], "ERRNO", 0, INT_MAX, &os_error)) {
+        return kExitUsage;
     }
-    int os_error = 0;
-    int context = QOR_CTX_OPEN;
-    if (!parse_int(argv[1], &os_error)) {
-        const std::string problem =
-            std::string("ERRNO must be an integer, not \"") + argv[1] + "\"";
-        return bad_usage("errno", usage, problem.c_str());
-    }
-    const char *name = argc >= 3 ? argv[2] : "FILE";
-    if (argc == 4 && (!parse_int(argv[3], &context) ||
-                      find_code(kContextCodes, context) == nullptr)) {
-        return bad_usage("errno", usage,
-                         "CONTEXT must be a context code, 2101 to 2132");
+    const char *name = in.count >= 2 ? in.operands[1] : "FILE";
+    if (in.count == 3 &&
+        !number_operand(in, in.operands[2], "CONTEXT", QOR_CTX_CREATE_FILE,
+                        QOR_CTX_READ_LINK, &context)) {
+        return kExitUsage;
     }
 
     // The library itself decides the status: record the error once with an
@@ -274,21 +266,23 @@ int run_errno(int argc, char **argv) {
         QOR_registered_callbacks[QOR_SLOT_OUTPUT_MESSAGE];
     Captured message;
     QOR_set_callback(nullptr, "QOR_OUTPUT_MESSAGE", capture_output, &message);
-    const int status = QOR_record_os_error(os_error, name, context);
+    const int status = QOR_record_os_error(static_cast<int>(os_error), name,
+                                           static_cast<int>(context));
     QOR_registered_callbacks[QOR_SLOT_OUTPUT_MESSAGE] = saved;
 
     // Only real names: glibc answers "0" for 0.
-    const char *symbol = strerrorname_np(os_error);
+    const int error = static_cast<int>(os_error);
+    const char *symbol = strerrorname_np(error);
     if (symbol != nullptr && symbol[0] != 'E') symbol = nullptr;
-    printf("errno %d%s%s%s: %s\n", os_error, symbol ? " (" : "",
-           symbol ? symbol : "", symbol ? ")" : "", strerror(os_error));
+    printf("errno %d%s%s%s: %s\n", error, symbol ? " (" : "",
+           symbol ? symbol : "", symbol ? ")" : "", strerror(error));
     const CodeInfo *c = find_code(kStatusCodes, status);
     printf("maps to status %d %s: %s\n", status, c ? c->name : "?",
            c ? c->meaning : "?");
     if (message.seen) {
         printf("recorded as: %s\n", format_captured(message).c_str());
     }
-    return 0;
+    return kExitOk;
 }
 
 [[noreturn]] void allocate_nothing() {
@@ -313,12 +307,52 @@ int with_fatal_handler(void (*fn)()) {
 }  // namespace
 
 const Command foundation_commands[] = {
-    {"status", "CODE", "what a status or context code means, and its text",
-     run_status},
-    {"errno", "ERRNO [NAME [CONTEXT]]",
+    {"status", run_status, "CODE",
+     "what a status or context code means, and its text",
+     "Explains a code the library returns or prints: the status codes\n"
+     "(2001 to 2073, 2401, 2402, 10009), the context codes naming the "
+     "operation\nthat failed (2101 to 2132) and message 2501, with the "
+     "catalogue's text\nof the message that goes with it. A number that is "
+     "none of them\nends with status 1.",
+     nullptr, 1, 1},
+    {"errno", run_errno, "ERRNO [NAME [CONTEXT]]",
      "the status an errno value maps to, and the message it gives",
-     run_errno},
-    {nullptr, nullptr, nullptr, nullptr}};
+     "Records the errno value as the library records a failed system call\n"
+     "working on NAME (default FILE) in the operation CONTEXT (a context "
+     "code,\ndefault 2116, open), and shows the status it maps to and the "
+     "line the\nmessage catalogue makes of it.",
+     nullptr, 1, 3},
+    {}};
+
+const char *code_meaning(int code, const char **symbol) {
+    const CodeInfo *c = find_code(kStatusCodes, code);
+    if (c == nullptr) c = find_code(kContextCodes, code);
+    if (c == nullptr) return nullptr;
+    if (symbol != nullptr) *symbol = c->name;
+    return c->meaning;
+}
+
+// The catalogue words a recorded error as 'cannot <operation> "<path>":
+// <reason>'; the reason alone is what the tool's own lines need.
+const char *status_reason(int status) {
+    static char reason[512];
+    const std::string text =
+        status > 2000 && status < 2500 ? catalogue_template(status - 2000)
+                                       : std::string();
+    const size_t cut = text.find("\"$0\": ");
+    if (cut != std::string::npos) {
+        snprintf(reason, sizeof reason, "%s", text.c_str() + cut + 6);
+        return reason;
+    }
+    if (const CodeInfo *c = find_code(kStatusCodes, status)) {
+        snprintf(reason, sizeof reason, "%s", c->meaning);
+        return reason;
+    }
+    snprintf(reason, sizeof reason, "unexpected status %d", status);
+    return reason;
+}
+
+bool catalogue_in_use() { return catalogue_ready; }
 
 int use_catalogue() {
     if (QOR_catalog_install(nullptr) != 0) {

@@ -10,7 +10,7 @@
 
 namespace qor_tool {
 
-const Command memory_commands[] = {{nullptr, nullptr, nullptr, nullptr}};
+const Command memory_commands[] = {{}};
 
 namespace {
 

@@ -14,9 +14,6 @@
 namespace qor_tool {
 namespace {
 
-constexpr const char *kTypeNames[] = {"plain_file", "plain_directory",
-                                      "lockable_directory", "cdir",
-                                      "idle_object"};
 constexpr const char *kKindNames[] = {"exists", "read",   "write",
                                       "execute", "create", "remove"};
 constexpr const char *kClassNames[] = {"owner", "group", "others"};
@@ -36,58 +33,27 @@ int parse_name(const char *text, const char *const *names, int count) {
     return -1;
 }
 
-int bad_usage(const char *usage) {
-    fprintf(stderr, "usage: qor %s\n", usage);
-    return 2;
-}
-
-// The type given as an argument, or the detected one.
-int type_argument(const char *path, const char *given, unsigned *type) {
-    if (given != nullptr) {
-        const int t = parse_name(given, kTypeNames, 5);
-        if (t < 0) {
-            fprintf(stderr, "qor: unknown object type \"%s\"\n", given);
-            return 2;
-        }
-        *type = static_cast<unsigned>(t);
-        return 0;
-    }
-    const int s = QOR_type_of_object(path, type);
-    if (s != 0) fprintf(stderr, "qor: %s: status %d\n", path, s);
-    return s != 0 ? 1 : 0;
-}
-
-int cmd_type(int argc, char **argv) {
-    if (argc < 2) return bad_usage("type PATH...");
-    int result = 0;
-    for (int i = 1; i < argc; ++i) {
+int cmd_type(Invocation &in) {
+    int result = kExitOk;
+    for (int i = 0; i < in.count; ++i) {
         unsigned type = 0;
-        const int s = QOR_type_of_object(argv[i], &type);
+        const int s = QOR_type_of_object(in.operands[i], &type);
         if (s == 0) {
-            printf("%s: %u %s\n", argv[i], type, type_name(type));
+            printf("%s: %u %s\n", in.operands[i], type, type_name(type));
         } else {
-            printf("%s: status %d%s\n", argv[i], s,
-                   s == QOR_E_MISSING         ? " (missing)"
-                   : s == QOR_E_UNTRANSLATABLE ? " (untranslatable)"
-                                               : "");
-            result = 1;
+            result = fail_status(in, "cannot tell the type", in.operands[i], s);
         }
     }
     return result;
 }
 
-int cmd_create(int argc, char **argv) {
-    if (argc != 3) return bad_usage("create PATH TYPE");
-    const int t = parse_name(argv[2], kTypeNames, 5);
-    if (t < 0) return bad_usage("create PATH TYPE (0-4 or a type name)");
-    const int s = QOR_create_object(argv[1], static_cast<unsigned>(t));
-    if (s != 0) {
-        printf("%s: status %d%s\n", argv[1], s,
-               s == QOR_E_EXISTS ? " (exists)" : "");
-        return 1;
-    }
-    printf("%s: created %s\n", argv[1], kTypeNames[t]);
-    return 0;
+int cmd_create(Invocation &in) {
+    unsigned type = 0;
+    if (!type_operand(in, in.operands[1], &type)) return kExitUsage;
+    const int s = QOR_create_object(in.operands[0], type);
+    if (s != 0) return fail_status(in, "cannot create", in.operands[0], s);
+    verbose(in, "created %s (%s)\n", in.operands[0], kTypeNames[type]);
+    return kExitOk;
 }
 
 int list_links(const char *path, unsigned type, const char *indent) {
@@ -106,16 +72,13 @@ int list_links(const char *path, unsigned type, const char *indent) {
     return s == QOR_E_END ? closed : s;
 }
 
-int cmd_ls(int argc, char **argv) {
-    if (argc < 2 || argc > 3) return bad_usage("ls PATH [TYPE]");
+int cmd_ls(Invocation &in) {
     unsigned type = 0;
-    if (const int r = type_argument(argv[1], argc == 3 ? argv[2] : nullptr,
-                                    &type)) {
+    if (const int r = object_type(in, kTypeLetter, in.operands[0], &type)) {
         return r;
     }
-    const int s = list_links(argv[1], type, "");
-    if (s != 0) fprintf(stderr, "qor: %s: status %d\n", argv[1], s);
-    return s != 0 ? 1 : 0;
+    const int s = list_links(in.operands[0], type, "");
+    return s != 0 ? fail_status(in, "cannot list", in.operands[0], s) : kExitOk;
 }
 
 // One line per access kind: the caller's answer, then the answer for each
@@ -138,36 +101,49 @@ int show_accessibility(const char *path, unsigned type, const char *indent) {
     return 0;
 }
 
-int cmd_access(int argc, char **argv) {
-    const char *usage =
-        "access PATH [TYPE]  |  access PATH TYPE CLASS KIND grant|revoke";
-    if (argc == 2 || argc == 3) {
-        unsigned type = 0;
-        if (const int r = type_argument(argv[1], argc == 3 ? argv[2] : nullptr,
-                                        &type)) {
-            return r;
+int cmd_access(Invocation &in) {
+    if (in.count != 1 && in.count != 4) {
+        return in.count < 4 ? usage_error(in, "missing operand after '%s'",
+                                          in.operands[in.count - 1])
+                            : usage_error(in, "extra operand '%s'",
+                                          in.operands[4]);
+    }
+    const char *path = in.operands[0];
+    int cls = -1, kind = -1;
+    bool grant = false;
+    if (in.count == 4) {
+        // Checked in full before anything is done.
+        cls = parse_name(in.operands[1], kClassNames, 3);
+        kind = parse_name(in.operands[2], kKindNames, 6);
+        grant = strcmp(in.operands[3], "grant") == 0;
+        if (cls < 0) {
+            return usage_error(in, "invalid CLASS '%s' (owner, group, others)",
+                               in.operands[1]);
         }
-        printf("%s (%s)\n", argv[1], type_name(type));
-        return show_accessibility(argv[1], type, "  ");
+        if (kind < 0) {
+            return usage_error(in, "invalid KIND '%s' (exists, read, write, "
+                                   "execute, create, remove)",
+                               in.operands[2]);
+        }
+        if (!grant && strcmp(in.operands[3], "revoke") != 0) {
+            return usage_error(in, "expected grant or revoke, not '%s'",
+                               in.operands[3]);
+        }
     }
-    if (argc != 6) return bad_usage(usage);
-    const int type = parse_name(argv[2], kTypeNames, 5);
-    const int cls = parse_name(argv[3], kClassNames, 3);
-    const int kind = parse_name(argv[4], kKindNames, 6);
-    const bool grant = strcmp(argv[5], "grant") == 0;
-    if (type < 0 || cls < 0 || kind < 0 ||
-        (!grant && strcmp(argv[5], "revoke") != 0)) {
-        return bad_usage(usage);
+    unsigned type = 0;
+    if (const int r = object_type(in, kTypeLetter, path, &type)) return r;
+    if (in.count == 1) {
+        printf("%s (%s)\n", path, type_name(type));
+        return show_accessibility(path, type, "  ");
     }
-    const int s = QOR_set_accessibility(argv[1], unsigned(type), cls,
-                                        unsigned(kind), grant);
+    const int s = QOR_set_accessibility(path, type, cls, unsigned(kind), grant);
     if (s != 0) {
-        printf("%s: status %d\n", argv[1], s);
-        return 1;
+        return fail_status(in, grant ? "cannot grant" : "cannot revoke", path,
+                           s);
     }
-    printf("%s: %s %s for %s\n", argv[1], grant ? "granted" : "revoked",
-           kKindNames[kind], kClassNames[cls]);
-    return 0;
+    verbose(in, "%s: %s %s for %s\n", path, grant ? "granted" : "revoked",
+            kKindNames[kind], kClassNames[cls]);
+    return kExitOk;
 }
 
 void print_time(const char *label, int64_t t) {
@@ -178,14 +154,10 @@ void print_time(const char *label, int64_t t) {
     printf("  %-11s %s\n", label, text);
 }
 
-int cmd_stat(int argc, char **argv) {
-    if (argc < 2 || argc > 3) return bad_usage("stat PATH [TYPE]");
-    const char *path = argv[1];
+int cmd_stat(Invocation &in) {
+    const char *path = in.operands[0];
     unsigned type = 0;
-    if (const int r = type_argument(path, argc == 3 ? argv[2] : nullptr,
-                                    &type)) {
-        return r;
-    }
+    if (const int r = object_type(in, kTypeLetter, path, &type)) return r;
     const int32_t is_dir = type != QOR_PLAIN_FILE;
     printf("%s (%s)\n", path, type_name(type));
     uint32_t mode = 0;
@@ -232,16 +204,36 @@ int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
 
 }  // namespace
 
+const Option kTypeOnly[] = {kTypeOption, {}};
+
 const Command objects_commands[] = {
-    {"type", "PATH...", "detect the type of objects", cmd_type},
-    {"create", "PATH TYPE", "create an object of a type (0-4 or name)",
-     cmd_create},
-    {"ls", "PATH [TYPE]", "list the links of an object", cmd_ls},
-    {"access", "PATH [TYPE [CLASS KIND grant|revoke]]",
-     "test or set an object's accessibility", cmd_access},
-    {"stat", "PATH [TYPE]",
-     "permissions, owner, size, times, identity of an object", cmd_stat},
-    {nullptr, nullptr, nullptr, nullptr}};
+    {"type", cmd_type, "PATH...", "detect the type of objects",
+     "Prints, for each PATH, the type the library detects: 0 plain_file, 1\n"
+     "plain_directory, 2 lockable_directory, 3 cdir, 4 idle_object.",
+     nullptr, 1, -1},
+    {"create", cmd_create, "PATH TYPE", "create an object of a type",
+     "Creates an object of TYPE (0 to 4, or its name) at PATH with all its "
+     "member\nfiles.",
+     nullptr, 2, 2},
+    {"ls", cmd_ls, "[--type=TYPE] PATH", "list the links of an object",
+     "Prints the names of the links (entries) inside the object, one a line.",
+     kTypeOnly, 1, 1},
+    {"access", cmd_access,
+     "[--type=TYPE] PATH\n[--type=TYPE] PATH CLASS KIND grant|revoke",
+     "test or set an object's accessibility",
+     "With PATH alone, a table of the kinds of access (exists, read, write,\n"
+     "execute, create, remove): whether you have it, and whether the owner,\n"
+     "group and others classes have it. With CLASS (owner, group, others or "
+     "0\nto 2), KIND (a kind's name or 0 to 5) and grant or revoke, sets "
+     "that\npermission on every file of the object.",
+     kTypeOnly, 1, 4},
+    {"stat", cmd_stat, "[--type=TYPE] PATH",
+     "permissions, owner, size, times, identity of an object",
+     "Prints what the library reads of the object: permissions, owner and\n"
+     "group, the size of its contents, its access, change and modification\n"
+     "times, and its identity.",
+     kTypeOnly, 1, 1},
+    {}};
 
 int tour_objects() {
     tour_heading("Object store");

@@ -12,7 +12,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -22,288 +26,396 @@
 namespace qor_tool {
 namespace {
 
-int usage_error(const char *command, const char *usage) {
-    fprintf(stderr, "usage: qor %s %s\n", command, usage);
-    return 2;
-}
+// ---- Temporary names ----------------------------------------------------------
 
-// A whole non-negative decimal number.
-bool parse_number(const char *text, long long *value) {
-    if (text == nullptr || *text == '\0') return false;
-    char *end = nullptr;
-    errno = 0;
-    const long long v = strtoll(text, &end, 10);
-    if (errno != 0 || *end != '\0' || v < 0) return false;
-    *value = v;
-    return true;
-}
-
-// Options of the object commands: -t TYPE and single-letter flags. The
-// options end at the first argument that is not one; *next is its index.
-struct Options {
-    int type = -1;  // -t: 0 to 4; -1 to detect
-    bool unchecked = false;  // -u
-    bool shared = false;     // -s
-    bool no_wait = false;    // -n
-    bool index = false;      // -i
-    bool create = false;     // -c
-};
-
-bool parse_options(int argc, char **argv, const char *allowed, Options *o,
-                   int *next) {
-    int i = 1;
-    for (; i < argc; ++i) {
-        const char *arg = argv[i];
-        if (arg[0] != '-' || arg[1] == '\0') break;
-        if (strcmp(arg, "--") == 0) {
-            ++i;
+// A name beside target (same directory, so a rename can put it in place)
+// that nobody can predict: ".<base>.qor-" and 12 random letters and digits.
+// The one place the tool makes such names; a library function for them is
+// to take its place.
+std::string unpredictable_sibling(const char *target) {
+    static constexpr char kAlphabet[] =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    unsigned char random[12];
+    size_t got = 0;
+    while (got < sizeof random) {
+        const ssize_t n = getrandom(random + got, sizeof random - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            // No random source: fall back to time and pid, still unlikely
+            // to be guessed in the short life of the name.
+            unsigned long long seed = static_cast<unsigned long long>(
+                time(nullptr)) * 2654435761u ^ static_cast<unsigned>(getpid());
+            for (unsigned char &r : random) {
+                seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+                r = static_cast<unsigned char>(seed >> 33);
+            }
             break;
         }
-        for (const char *f = arg + 1; *f != '\0'; ++f) {
-            if (strchr(allowed, *f) == nullptr) return false;
-            if (*f == 't') {
-                // The value is the rest of this argument, or the next one.
-                const char *value =
-                    f[1] != '\0' ? f + 1 : (i + 1 < argc ? argv[++i] : nullptr);
-                long long t = 0;
-                if (!parse_number(value, &t) || t > 4) return false;
-                o->type = static_cast<int>(t);
-                break;
-            }
-            switch (*f) {
-                case 'u': o->unchecked = true; break;
-                case 's': o->shared = true; break;
-                case 'x': o->shared = false; break;
-                case 'n': o->no_wait = true; break;
-                case 'i': o->index = true; break;
-                case 'c': o->create = true; break;
-                default: return false;
-            }
-        }
+        got += static_cast<size_t>(n);
     }
-    *next = i;
-    return true;
+    const std::string path(target);
+    const size_t slash = path.rfind('/');
+    std::string name = slash == std::string::npos
+                           ? std::string()
+                           : path.substr(0, slash + 1);
+    std::string base =
+        slash == std::string::npos ? path : path.substr(slash + 1);
+    if (slash == std::string::npos && !base.empty() && base[0] == '@') {
+        name = "@";
+        base.erase(0, 1);
+    }
+    name += "." + base + ".qor-";
+    for (unsigned char r : random) name += kAlphabet[r % (sizeof kAlphabet - 1)];
+    return name;
 }
 
-// The type asked for, or the type detected at path.
-bool object_type(const char *command, const char *path, const Options &o,
-                 unsigned *type) {
-    if (o.type >= 0) {
-        *type = static_cast<unsigned>(o.type);
-        return true;
-    }
-    const int s = QOR_type_of_object(path, type);
-    if (s == 0) return true;
-    fprintf(stderr, "qor %s: %s: %s (status %d)\n", command, path,
-            s == QOR_E_MISSING          ? "no such object"
-            : s == QOR_E_UNTRANSLATABLE ? "not a qor path"
-                                        : "cannot tell its type",
-            s);
-    return false;
+// ---- cp, mv, rm ------------------------------------------------------------------
+
+// The last component of a path, as it is named inside a directory.
+std::string last_component(const char *path) {
+    std::string p(path);
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    const size_t slash = p.rfind('/');
+    if (slash != std::string::npos) return p.substr(slash + 1);
+    return !p.empty() && p[0] == '@' ? p.substr(1) : p;
 }
 
-int failed(const char *command, const char *path, int status) {
-    fprintf(stderr, "qor %s: %s: failed with status %d\n", command, path,
-            status);
-    return 1;
-}
-
-// Runs a whole-object operation of "[-t TYPE] SOURCE TARGET"; false when
-// the arguments or the type did not serve (*code is then the exit status).
-bool source_and_target(const char *command, int argc, char **argv,
-                       int (*operation)(const char *, unsigned, const char *),
-                       int *status, unsigned *type, int *code) {
-    Options o;
-    int i = 0;
-    if (!parse_options(argc, argv, "t", &o, &i) || argc - i != 2) {
-        *code = usage_error(command, "[-t TYPE] SOURCE TARGET");
-        return false;
-    }
-    if (!object_type(command, argv[i], o, type)) {
-        *code = 1;
-        return false;
-    }
-    *status = operation(argv[i], *type, argv[i + 1]);
-    argv[0] = argv[i];  // the source and target for the caller's report
-    argv[1] = argv[i + 1];
-    return true;
-}
-
-int cmd_cp(int argc, char **argv) {
-    int s = 0, code = 0;
+// Whether path names an existing plain directory that is not an object.
+bool is_plain_directory(const char *path) {
     unsigned type = 0;
-    if (!source_and_target("cp", argc, argv, QOR_copy_object, &s, &type,
-                           &code)) {
-        return code;
-    }
-    if (s != 0 && s != QOR_E_TARGET_EXISTS && s != QOR_E_EXISTS) {
-        return failed("cp", argv[0], s);
-    }
-    printf("copied %s to %s%s\n", argv[0], argv[1],
-           s == QOR_E_TARGET_EXISTS ? " (replaced the existing target)"
-           : s == QOR_E_EXISTS      ? " (its .lock was already there)"
-                                    : "");
-    return 0;
+    return QOR_type_of_object(path, &type) == 0 && type == QOR_PLAIN_DIRECTORY;
 }
 
-int cmd_mv(int argc, char **argv) {
-    int s = 0, code = 0;
-    unsigned type = 0;
-    if (!source_and_target("mv", argc, argv, QOR_move_object, &s, &type,
-                           &code)) {
-        return code;
-    }
-    if (s != 0 && s != QOR_E_TARGET_EXISTS) return failed("mv", argv[0], s);
-    // A target that may not be removed makes the library answer 0 without
-    // moving anything (after its message): the source is still there.
-    unsigned still = 0;
-    if (s == 0 && type != QOR_PLAIN_FILE &&
-        QOR_type_of_object(argv[0], &still) == 0) {
-        fprintf(stderr, "qor mv: %s: the target may not be replaced; nothing "
-                        "was moved\n", argv[1]);
-        return 1;
-    }
-    printf("moved %s to %s%s\n", argv[0], argv[1],
-           s == QOR_E_TARGET_EXISTS ? " (replaced the existing target)" : "");
-    return 0;
-}
+// Where SOURCE... go: a target directory (-t DIR, or the last operand when
+// it is a plain directory), or the one TARGET. Usage problems are reported
+// here, before anything is done.
+struct Destination {
+    const char *directory = nullptr;  // copy or move into it
+    const char *target = nullptr;     // else the single target
+    int sources = 0;                  // the first operands
+};
 
-int cmd_rm(int argc, char **argv) {
-    const char *usage = "[-u] [-t TYPE] PATH...";
-    Options o;
-    int i = 0;
-    if (!parse_options(argc, argv, "ut", &o, &i) || i >= argc) {
-        return usage_error("rm", usage);
-    }
-    int result = 0;
-    for (; i < argc; ++i) {
-        unsigned type = 0;
-        if (!object_type("rm", argv[i], o, &type)) {
-            result = 1;
-            continue;
+int destination_of(const Invocation &in, Destination *d) {
+    if (in.has('t')) {
+        if (in.has('T')) {
+            return usage_error(in, "cannot combine --target-directory (-t) "
+                                   "and --no-target-directory (-T)");
         }
-        const int s = o.unchecked ? QOR_unchecked_delete_object(argv[i], type)
-                                  : QOR_delete_object(argv[i], type);
-        if (s != 0) {
-            result = failed("rm", argv[i], s);
+        d->directory = in.value('t');
+        d->sources = in.count;
+        if (!is_plain_directory(d->directory)) {
+            fprintf(stderr, "qor %s: target directory: %s: not a plain "
+                            "directory\n", in.command->name, d->directory);
+            return kExitFailed;
+        }
+        return kExitOk;
+    }
+    if (in.count < 2) {
+        return usage_error(in, "missing destination operand after '%s'",
+                           in.operands[0]);
+    }
+    const char *last = in.operands[in.count - 1];
+    d->sources = in.count - 1;
+    if (!in.has('T') && is_plain_directory(last)) {
+        d->directory = last;
+        return kExitOk;
+    }
+    if (in.count > 2) {
+        if (in.has('T')) return usage_error(in, "extra operand '%s'", last);
+        fprintf(stderr, "qor %s: target: %s: not a plain directory\n",
+                in.command->name, last);
+        return kExitFailed;
+    }
+    d->target = last;
+    return kExitOk;
+}
+
+std::string target_for(const Destination &d, const char *source) {
+    if (d.directory == nullptr) return d.target;
+    std::string dir(d.directory);
+    if (dir.empty() || dir.back() != '/') dir += '/';
+    return dir + last_component(source);
+}
+
+// Gives the object at path the permission bits of source's top file, as
+// cp(1) gives a new file its source's mode.
+int copy_permissions(const char *source, const char *path, unsigned type) {
+    const int32_t is_dir = type != QOR_PLAIN_FILE;
+    uint32_t mode = 0;
+    int s = QOR_read_permissions(source, is_dir, &mode);
+    if (s == 0) s = QOR_set_permissions(path, is_dir, mode & 07777);
+    return s;
+}
+
+// Copies one object: into a temporary sibling of the target first, then
+// renamed into place, so that a failed copy leaves an existing target as
+// it was and nobody sees half a copy.
+int copy_one(const Invocation &in, const char *source, const char *target) {
+    unsigned type = 0;
+    if (const int r = object_type(in, kTypeLetter, source, &type)) return r;
+    const std::string temporary = unpredictable_sibling(target);
+    int s = QOR_copy_object(source, type, temporary.c_str());
+    if (s != 0 && s != QOR_E_EXISTS) {
+        return fail_status(in, "cannot copy", source, s);
+    }
+    s = copy_permissions(source, temporary.c_str(), type);
+    if (s == 0) {
+        if (type == QOR_PLAIN_FILE) {
+            char *from = QOR_qor_to_os(temporary.c_str(), 0);
+            char *to = QOR_qor_to_os(target, 0);
+            s = from == nullptr || to == nullptr ? QOR_E_UNTRANSLATABLE
+                : rename(from, to) == 0        ? 0
+                                               : QOR_record_os_error(
+                                                     errno, target,
+                                                     QOR_CTX_MOVE_OBJECT);
+            QOR_free(from);
+            QOR_free(to);
         } else {
-            printf("removed %s\n", argv[i]);
+            // An object is a directory of member files: the library's move
+            // replaces an existing target object.
+            s = QOR_move_object(temporary.c_str(), type, target);
+            unsigned still = 0;
+            if (s == QOR_E_TARGET_EXISTS) s = 0;
+            if (s == 0 && QOR_type_of_object(temporary.c_str(), &still) == 0) {
+                s = QOR_E_PERMISSION;  // the target may not be replaced
+            }
+        }
+    }
+    if (s != 0) {
+        QOR_unchecked_delete_object(temporary.c_str(), type);
+        return fail_status(in, "cannot copy", source, s);
+    }
+    verbose(in, "'%s' -> '%s'\n", source, target);
+    return kExitOk;
+}
+
+// cp and mv alike: every SOURCE to its target, each failure reported and
+// the others still done.
+int each_source(Invocation &in,
+                int (*one)(const Invocation &, const char *, const char *)) {
+    if (const int r = check_type_option(in)) return r;
+    Destination d;
+    if (const int r = destination_of(in, &d)) return r;
+    int result = kExitOk;
+    for (int i = 0; i < d.sources; ++i) {
+        const std::string target = target_for(d, in.operands[i]);
+        if (one(in, in.operands[i], target.c_str()) != kExitOk) {
+            result = kExitFailed;
         }
     }
     return result;
 }
 
+int cmd_cp(Invocation &in) { return each_source(in, copy_one); }
+
+int move_one(const Invocation &in, const char *source, const char *target) {
+    unsigned type = 0;
+    if (const int r = object_type(in, kTypeLetter, source, &type)) return r;
+    const int s = QOR_move_object(source, type, target);
+    if (s != 0 && s != QOR_E_TARGET_EXISTS) {
+        return fail_status(in, "cannot move", source, s);
+    }
+    // A target that may not be removed makes the library answer 0 without
+    // moving anything (after its message): the source is still there.
+    unsigned still = 0;
+    if (s == 0 && type != QOR_PLAIN_FILE &&
+        QOR_type_of_object(source, &still) == 0) {
+        fprintf(stderr, "qor mv: cannot move: %s: the target %s may not be "
+                        "replaced\n", source, target);
+        return kExitFailed;
+    }
+    verbose(in, "renamed '%s' -> '%s'\n", source, target);
+    return kExitOk;
+}
+
+int cmd_mv(Invocation &in) { return each_source(in, move_one); }
+
+int cmd_rm(Invocation &in) {
+    if (const int r = check_type_option(in)) return r;
+    int result = kExitOk;
+    for (int i = 0; i < in.count; ++i) {
+        const char *path = in.operands[i];
+        unsigned type = 0;
+        if (const int r = object_type(in, kTypeLetter, path, &type)) {
+            if (r == kExitUsage) return r;
+            result = r;
+            continue;
+        }
+        const int s = in.has('u') ? QOR_unchecked_delete_object(path, type)
+                                  : QOR_delete_object(path, type);
+        if (s != 0) {
+            result = fail_status(in, "cannot remove", path, s);
+        } else {
+            verbose(in, "removed '%s'\n", path);
+        }
+    }
+    return result;
+}
+
+// ---- lock ------------------------------------------------------------------------
+
 // Runs the command with its arguments and waits for it: its exit status,
-// or 128 plus the signal that ended it.
+// or 128 plus the signal that ended it; 126/127 when it could not be run.
 int run_command(char **command) {
     fflush(stdout);
     const pid_t pid = fork();
     if (pid < 0) {
-        perror("qor lock: fork");
-        return 1;
+        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
+                strerror(errno));
+        return kExitFailed;
     }
     if (pid == 0) {
         execvp(command[0], command);
-        fprintf(stderr, "qor lock: cannot run %s: %s\n", command[0],
-                strerror(errno));
-        _exit(127);
+        const int error = errno;
+        fprintf(stderr, "qor lock: cannot run: %s: %s\n", command[0],
+                strerror(error));
+        _exit(error == ENOENT ? 127 : 126);
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return 1;
+        if (errno != EINTR) return kExitFailed;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int cmd_lock(int argc, char **argv) {
-    const char *usage = "[-s|-x] [-n] [-t TYPE] PATH COMMAND [ARG...]";
-    Options o;
-    int i = 0;
-    if (!parse_options(argc, argv, "sxnt", &o, &i) || argc - i < 2) {
-        return usage_error("lock", usage);
+// A plain file (or a name not yet taken) is locked as flock(1) locks it: a
+// whole-file lock on the file itself, made if missing.
+int lock_plain_file(const Invocation &in, const char *path, char **command) {
+    char *host = QOR_qor_to_os(path, 0);
+    if (host == nullptr) {
+        return fail_status(in, "cannot lock", path, QOR_E_UNTRANSLATABLE);
     }
-    const char *path = argv[i];
-    unsigned type = 0;
-    if (!object_type("lock", path, o, &type)) return 1;
-    const unsigned request = o.shared ? (o.no_wait ? QOR_LOCK_SHARED
-                                                   : QOR_LOCK_SHARED_WAIT)
-                                      : (o.no_wait ? QOR_LOCK_EXCLUSIVE
-                                                   : QOR_LOCK_EXCLUSIVE_WAIT);
-    const int s = QOR_lock_object(path, type, request);
-    if (s == QOR_E_LOCKED) {
-        fprintf(stderr, "qor lock: %s is locked by another process\n", path);
-        return 1;
+    int fd;
+    do {
+        fd = open(host, O_RDONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, 0666);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0 && (errno == EISDIR || errno == EACCES)) {
+        fd = open(host, O_RDONLY | O_NOCTTY | O_CLOEXEC);
     }
-    if (s != 0) return failed("lock", path, s);
-    // The lock's descriptor is close-on-exec: the command does not inherit
-    // it, and the lock lasts as long as this process waits for it.
-    const int code = run_command(argv + i + 1);
-    QOR_unlock_object(path, type);
+    QOR_free(host);
+    if (fd < 0) return fail_errno(in, "cannot open", path, errno);
+    const int operation = (in.has('s') && !in.has('x') ? LOCK_SH : LOCK_EX) |
+                          (in.has('n') ? LOCK_NB : 0);
+    int r;
+    while ((r = flock(fd, operation)) != 0 && errno == EINTR) {
+    }
+    if (r != 0) {
+        const int error = errno;
+        close(fd);
+        if (error == EWOULDBLOCK) {
+            return fail_status(in, "cannot lock", path, QOR_E_LOCKED);
+        }
+        return fail_errno(in, "cannot lock", path, error);
+    }
+    verbose(in, "locked '%s' (%s)\n", path,
+            operation & LOCK_SH ? "shared" : "exclusive");
+    // The descriptor is close-on-exec: the command does not inherit it, and
+    // the lock lasts as long as this process waits for the command.
+    const int code = run_command(command);
+    while ((r = flock(fd, LOCK_UN)) != 0 && errno == EINTR) {
+    }
+    const int error = errno;
+    close(fd);
+    if (r != 0) return fail_errno(in, "cannot unlock", path, error);
     return code;
 }
 
-// Opens the body (or with -i the index) of an idle object.
-int open_idle(const char *path, const Options &o, unsigned flags,
-              unsigned request, QOR_contents_record **rec) {
-    if (o.create) flags |= QOR_OPEN_CREATE;
-    return o.index ? QOR_open_idle_index(path, flags, request, rec)
-                   : QOR_open_contents(path, QOR_IDLE_OBJECT, flags, request,
-                                       rec);
+int cmd_lock(Invocation &in) {
+    const char *path = in.operands[0];
+    char **command = in.operands + 1;
+    unsigned type = 0;
+    if (in.has(kTypeLetter)) {
+        if (!type_operand(in, in.value(kTypeLetter), &type)) return kExitUsage;
+    } else {
+        const int s = QOR_type_of_object(path, &type);
+        if (s == QOR_E_MISSING) {
+            type = QOR_PLAIN_FILE;
+        } else if (s != 0) {
+            return fail_status(in, "cannot tell the type", path, s);
+        }
+    }
+    if (type == QOR_PLAIN_FILE) return lock_plain_file(in, path, command);
+    const bool shared = in.has('s') && !in.has('x');
+    const unsigned request =
+        shared ? (in.has('n') ? QOR_LOCK_SHARED : QOR_LOCK_SHARED_WAIT)
+               : (in.has('n') ? QOR_LOCK_EXCLUSIVE : QOR_LOCK_EXCLUSIVE_WAIT);
+    int s = QOR_lock_object(path, type, request);
+    if (s != 0) return fail_status(in, "cannot lock", path, s);
+    verbose(in, "locked '%s' (%s)\n", path, shared ? "shared" : "exclusive");
+    const int code = run_command(command);
+    while ((s = QOR_unlock_object(path, type)) == QOR_E_INTERRUPTED) {
+    }
+    if (s != 0) return fail_status(in, "cannot unlock", path, s);
+    return code;
 }
 
-int cmd_read(int argc, char **argv) {
-    const char *usage = "[-i] PATH OFFSET LENGTH";
-    Options o;
-    int i = 0;
+// ---- read, write -----------------------------------------------------------------
+
+// Opens the body (or with -i the index) of an idle object.
+int open_idle(const Invocation &in, const char *path, unsigned flags,
+              unsigned request, QOR_contents_record **rec) {
+    if (in.has('c')) flags |= QOR_OPEN_CREATE;
+    return in.has('i') ? QOR_open_idle_index(path, flags, request, rec)
+                       : QOR_open_contents(path, QOR_IDLE_OBJECT, flags,
+                                           request, rec);
+}
+
+constexpr long long kMaxBlock = 1 << 30;
+
+int cmd_read(Invocation &in) {
+    const char *path = in.operands[0];
     long long offset = 0, length = 0;
-    if (!parse_options(argc, argv, "i", &o, &i) || argc - i != 3 ||
-        !parse_number(argv[i + 1], &offset) ||
-        !parse_number(argv[i + 2], &length) || length > (1 << 30)) {
-        return usage_error("read", usage);
+    if (!number_operand(in, in.operands[1], "OFFSET", 0, INT64_MAX, &offset) ||
+        !number_operand(in, in.operands[2], "LENGTH", 0, kMaxBlock, &length)) {
+        return kExitUsage;
     }
     QOR_contents_record *rec = nullptr;
-    int s = open_idle(argv[i], o, QOR_OPEN_READ, QOR_LOCK_SHARED_WAIT, &rec);
-    if (s != 0) return failed("read", argv[i], s);
+    int s = open_idle(in, path, QOR_OPEN_READ, QOR_LOCK_SHARED_WAIT, &rec);
+    if (s != 0) return fail_status(in, "cannot open", path, s);
     std::string block(static_cast<size_t>(length), '\0');
     s = QOR_read_idle_block(rec, offset, block.data(), static_cast<int>(length));
     QOR_close_contents(rec);
-    if (s != 0) return failed("read", argv[i], s);
+    if (s != 0) return fail_status(in, "cannot read", path, s);
     fwrite(block.data(), 1, block.size(), stdout);
-    return 0;
+    return kExitOk;
 }
 
-int cmd_write(int argc, char **argv) {
-    const char *usage = "[-i] [-c] PATH OFFSET [TEXT]  (standard input without TEXT)";
-    Options o;
-    int i = 0;
+int cmd_write(Invocation &in) {
+    const char *path = in.operands[0];
     long long offset = 0;
-    if (!parse_options(argc, argv, "ic", &o, &i) || argc - i < 2 ||
-        argc - i > 3 || !parse_number(argv[i + 1], &offset)) {
-        return usage_error("write", usage);
+    if (!number_operand(in, in.operands[1], "OFFSET", 0, INT64_MAX, &offset)) {
+        return kExitUsage;
     }
     std::string data;
-    if (argc - i == 3) {
-        data = argv[i + 2];
+    if (in.count == 3) {
+        data = in.operands[2];
     } else {
         char buffer[65536];
         size_t n;
         while ((n = fread(buffer, 1, sizeof buffer, stdin)) > 0) {
             data.append(buffer, n);
+            if (data.size() > kMaxBlock) {
+                fprintf(stderr, "qor write: cannot read: standard input: more "
+                                "than %lld bytes\n", kMaxBlock);
+                return kExitFailed;
+            }
+        }
+        if (ferror(stdin)) {
+            return fail_errno(in, "cannot read", "standard input", errno);
         }
     }
-    if (data.size() > (1u << 30)) return usage_error("write", usage);
     QOR_contents_record *rec = nullptr;
-    int s = open_idle(argv[i], o, QOR_OPEN_READ_WRITE, QOR_LOCK_EXCLUSIVE_WAIT,
+    int s = open_idle(in, path, QOR_OPEN_READ_WRITE, QOR_LOCK_EXCLUSIVE_WAIT,
                       &rec);
-    if (s != 0) return failed("write", argv[i], s);
+    if (s != 0) return fail_status(in, "cannot open", path, s);
     s = QOR_write_idle_block(rec, offset, data.data(),
                              static_cast<int>(data.size()));
     const int closed = QOR_close_contents(rec);
     if (s == 0) s = closed;
-    if (s != 0) return failed("write", argv[i], s);
-    printf("wrote %zu bytes at offset %lld of %s%s\n", data.size(), offset,
-           argv[i], o.index ? " (index)" : "");
-    return 0;
+    if (s != 0) return fail_status(in, "cannot write", path, s);
+    verbose(in, "wrote %zu bytes at offset %lld of '%s'%s\n", data.size(),
+            offset, path, in.has('i') ? " (index)" : "");
+    return kExitOk;
 }
 
 // ---- Tour --------------------------------------------------------------------
@@ -349,7 +461,7 @@ int tour_idle_blocks() {
     fflush(stdout);
     s = QOR_read_idle_block(body, 4100, tail, 32);
     printf("  reading 32 bytes at 4100, past the end -> %d (messages 403 and "
-           "401 on standard error)\n", s);
+           "401 above)\n", s);
     QOR_close_contents(body);
     return 0;
 }
@@ -438,20 +550,89 @@ int tour_copy_and_move() {
     return 0;
 }
 
+
+const Option kCopyOptions[] = {
+    {'t', "target-directory", "DIR", "copy every SOURCE into DIR"},
+    {'T', "no-target-directory", nullptr,
+     "treat TARGET as the target itself, even when it is a directory"},
+    kTypeOption,
+    {}};
+
+const Option kMoveOptions[] = {
+    {'t', "target-directory", "DIR", "move every SOURCE into DIR"},
+    {'T', "no-target-directory", nullptr,
+     "treat TARGET as the target itself, even when it is a directory"},
+    kTypeOption,
+    {}};
+
+const Option kRemoveOptions[] = {
+    {'u', "unchecked", nullptr,
+     "do not check first that the object holds only its own members"},
+    kTypeOption,
+    {}};
+
+const Option kLockOptions[] = {
+    {'s', "shared", nullptr, "a shared lock"},
+    {'x', "exclusive", nullptr, "an exclusive lock (the default)"},
+    {'n', "nonblock", nullptr,
+     "fail at once, with status 1, when the lock is held elsewhere"},
+    kTypeOption,
+    {}};
+
+const Option kReadOptions[] = {
+    {'i', "index", nullptr, "the idle object's index instead of its body"},
+    {}};
+
+const Option kWriteOptions[] = {
+    {'i', "index", nullptr, "the idle object's index instead of its body"},
+    {'c', "create", nullptr, "create the idle object when it is missing"},
+    {}};
+
 }  // namespace
 
 const Command objects2_commands[] = {
-    {"cp", "[-t TYPE] SOURCE TARGET", "copy an object", cmd_cp},
-    {"mv", "[-t TYPE] SOURCE TARGET", "move an object", cmd_mv},
-    {"rm", "[-u] [-t TYPE] PATH...",
-     "delete objects (-u: without checking their directory)", cmd_rm},
-    {"lock", "[-s|-x] [-n] PATH CMD...",
-     "run a command holding an object lock (-n: do not wait)", cmd_lock},
-    {"read", "[-i] PATH OFFSET LENGTH",
-     "read an idle block of an idle object's body (-i: index)", cmd_read},
-    {"write", "[-i] [-c] PATH OFFSET [TEXT]",
-     "write an idle block (-c: create the object)", cmd_write},
-    {nullptr, nullptr, nullptr, nullptr}};
+    {"cp", cmd_cp,
+     "[OPTION]... SOURCE TARGET\n[OPTION]... SOURCE... DIRECTORY\n"
+     "[OPTION]... -t DIRECTORY SOURCE...",
+     "copy objects",
+     "Copies SOURCE to TARGET, or each SOURCE into DIRECTORY (an existing "
+     "plain\ndirectory, not an object), as cp(1) does. The copy is made under "
+     "a\ntemporary name beside the target and renamed into place: a failed "
+     "copy\nleaves an existing target as it was. A new target gets the "
+     "permission bits\nof its source.",
+     kCopyOptions, 1, -1},
+    {"mv", cmd_mv,
+     "[OPTION]... SOURCE TARGET\n[OPTION]... SOURCE... DIRECTORY\n"
+     "[OPTION]... -t DIRECTORY SOURCE...",
+     "move objects",
+     "Moves SOURCE to TARGET, or each SOURCE into DIRECTORY (an existing "
+     "plain\ndirectory, not an object), replacing an existing target object.",
+     kMoveOptions, 1, -1},
+    {"rm", cmd_rm, "[OPTION]... PATH...", "delete objects",
+     "Deletes each object with all its member files. Unless -u is given, an "
+     "object\nwhose directory holds anything but its own members is left "
+     "alone.",
+     kRemoveOptions, 1, -1},
+    {"lock", cmd_lock, "[OPTION]... PATH COMMAND [ARGUMENT]...",
+     "run a command holding a lock on a file or an object",
+     "Locks PATH, runs COMMAND while holding the lock, unlocks, and ends "
+     "with the\ncommand's exit status, as flock(1) does. A plain file (made "
+     "when missing) is\nlocked with flock(2), so qor lock and flock(1) "
+     "exclude each other; an object\n(lockable directory, cdir, idle "
+     "object) gets the library's object lock.\nWith -n a lock held "
+     "elsewhere ends qor lock with status 1, and COMMAND is\nnot run.",
+     kLockOptions, 2, -1, true},
+    {"read", cmd_read, "[-i] PATH OFFSET LENGTH",
+     "read an idle block of an idle object",
+     "Writes LENGTH bytes of the idle object's body (or index), from OFFSET, "
+     "to\nstandard output.",
+     kReadOptions, 3, 3},
+    {"write", cmd_write, "[-i] [-c] PATH OFFSET [TEXT]",
+     "write an idle block of an idle object",
+     "Writes TEXT, or all of standard input without it, into the idle "
+     "object's\nbody (or index) at OFFSET.",
+     kWriteOptions, 2, 3},
+    {}};
 
 int tour_objects2() {
     tour_heading("Object contents, idle blocks and object operations");

@@ -14,9 +14,6 @@ namespace {
 
 enum class Direction { absolute, to_os, to_qor };
 
-const char *const kPathUsage =
-    "usage: qor path [-a] [--absolute|--to-os|--to-qor] PATH...\n";
-
 // Prints "label = value" for one anchor, or "(unset)" when it does not
 // translate.
 void show_anchor(const char *label, const char *qor_path) {
@@ -35,40 +32,25 @@ void show_anchors() {
     if (tmp != nullptr) QOR_free(tmp);
 }
 
-int run_path(int argc, char **argv) {
-    Direction direction = Direction::absolute;
-    bool anchors = false;
-    int i = 1;
-    for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
-        if (strcmp(argv[i], "-a") == 0) {
-            anchors = true;
-        } else if (strcmp(argv[i], "--absolute") == 0) {
-            direction = Direction::absolute;
-        } else if (strcmp(argv[i], "--to-os") == 0) {
-            direction = Direction::to_os;
-        } else if (strcmp(argv[i], "--to-qor") == 0) {
-            direction = Direction::to_qor;
-        } else if (strcmp(argv[i], "--") == 0) {
-            ++i;
-            break;
-        } else {
-            fprintf(stderr, "qor path: unknown option \"%s\"\n%s", argv[i],
-                    kPathUsage);
-            return 2;
-        }
+int run_path(Invocation &in) {
+    const Direction direction = in.has('o')   ? Direction::to_os
+                                : in.has('q') ? Direction::to_qor
+                                              : Direction::absolute;
+    if (in.has('o') + in.has('q') + in.has('A') > 1) {
+        return usage_error(in, "give only one of --absolute, --to-os and "
+                               "--to-qor");
     }
-    if (i == argc && !anchors) {
-        fputs(kPathUsage, stderr);
-        return 2;
-    }
-    int status = 0;
-    for (; i < argc; ++i) {
-        char *r = direction == Direction::to_os   ? QOR_qor_to_os(argv[i], 0)
-                  : direction == Direction::to_qor ? QOR_os_to_qor(argv[i])
-                                                    : QOR_qor_to_absolute_qor(argv[i]);
+    const bool anchors = in.has('a');
+    if (in.count == 0 && !anchors) return usage_error(in, "missing operand");
+    int status = kExitOk;
+    for (int i = 0; i < in.count; ++i) {
+        const char *path = in.operands[i];
+        char *r = direction == Direction::to_os   ? QOR_qor_to_os(path, 0)
+                  : direction == Direction::to_qor ? QOR_os_to_qor(path)
+                                                    : QOR_qor_to_absolute_qor(path);
         if (r == nullptr) {
-            fprintf(stderr, "qor path: \"%s\" does not translate\n", argv[i]);
-            status = 1;
+            status = fail_status(in, "cannot translate", path,
+                                 QOR_E_UNTRANSLATABLE);
             continue;
         }
         printf("%s\n", r);
@@ -79,27 +61,18 @@ int run_path(int argc, char **argv) {
     return status;
 }
 
-int run_tmpname(int argc, char **argv) {
-    int i = 1;
-    int is_directory = 0;
-    if (i < argc && strcmp(argv[i], "-d") == 0) {
-        is_directory = 1;
-        ++i;
-    }
-    if (argc - i > 2) {
-        fputs("usage: qor tmpname [-d] [PREFIX [SUFFIX]]\n", stderr);
-        return 2;
-    }
-    const char *prefix = i < argc ? argv[i] : nullptr;
-    const char *suffix = i + 1 < argc ? argv[i + 1] : nullptr;
-    char *name = QOR_temporary_object_name(prefix, is_directory, suffix);
+int run_tmpname(Invocation &in) {
+    const char *prefix = in.count > 0 ? in.operands[0] : nullptr;
+    const char *suffix = in.count > 1 ? in.operands[1] : nullptr;
+    char *name = QOR_temporary_object_name(prefix, in.has('d') ? 1 : 0, suffix);
     if (name == nullptr) {
-        fputs("qor tmpname: no free temporary name\n", stderr);
-        return 1;
+        fprintf(stderr, "qor tmpname: cannot propose a name: temporary "
+                        "directory: no free temporary name\n");
+        return kExitFailed;
     }
     printf("%s\n", name);
     QOR_free(name);
-    return 0;
+    return kExitOk;
 }
 
 void show(const char *what, const char *input, char *result) {
@@ -108,14 +81,35 @@ void show(const char *what, const char *input, char *result) {
     if (result != nullptr) QOR_free(result);
 }
 
+const Option kPathOptions[] = {
+    {'a', "anchors", nullptr, "show the anchors in force, after the paths"},
+    {'A', "absolute", nullptr,
+     "translate to an absolute qor path (the default)", true},
+    {'o', "to-os", nullptr, "translate a qor path to a host path", true},
+    {'q', "to-qor", nullptr, "translate a host path to a qor path", true},
+    {}};
+
+const Option kTmpnameOptions[] = {
+    {'d', "directory", nullptr, "a name for a directory"},
+    {}};
+
 }  // namespace
 
 const Command paths_commands[] = {
-    {"path", "[-a] [--absolute|--to-os|--to-qor] PATH...",
-     "translate paths (-a: show the anchors in force)", run_path},
-    {"tmpname", "[-d] [PREFIX [SUFFIX]]",
-     "propose a free temporary file (-d: directory) name", run_tmpname},
-    {nullptr, nullptr, nullptr, nullptr}};
+    {"path", run_path, "[OPTION]... PATH...\n-a [OPTION]... [PATH]...",
+     "translate paths between qor and host forms",
+     "Prints each PATH translated: to an absolute qor path with every "
+     "anchor and\nvariable expanded (the default), to a host path "
+     "(--to-os), or from a host\npath to a qor path (--to-qor). A path that "
+     "does not translate is reported\nand the others are still printed.",
+     kPathOptions, 0, -1},
+    {"tmpname", run_tmpname, "[-d] [PREFIX [SUFFIX]]",
+     "propose a free temporary file or directory name",
+     "Prints a name in the temporary directory that is free at the time of "
+     "the\ncall: PREFIX, a letter, the process id's five lowest digits, "
+     "\".\" and SUFFIX.\nNothing is created.",
+     kTmpnameOptions, 0, 2},
+    {}};
 
 int tour_paths() {
     tour_heading("Path namespace");

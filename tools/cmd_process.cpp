@@ -4,7 +4,7 @@
 
 namespace qor_tool {
 
-const Command process_commands[] = {{nullptr, nullptr, nullptr, nullptr}};
+const Command process_commands[] = {{}};
 
 int tour_process() { return 0; }
 

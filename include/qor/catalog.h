@@ -38,9 +38,16 @@
  * as its text.
  *
  * Where the catalogue comes from (QOR_catalog_install with a null path):
- * first catopen("qor", NL_CAT_LOCALE), so NLSPATH is honoured (for example
- * NLSPATH=/opt/qor/%N.cat), then the installed catalogue,
- * <prefix>/share/qor/qor.cat, whose full path is built into this library.
+ * - the environment variable QOR_CATALOG, when set and not empty: the path
+ *   of a catalogue file, and then the only place looked at;
+ * - else catopen("qor", NL_CAT_LOCALE), so NLSPATH is honoured (for example
+ *   NLSPATH=/opt/qor/%N.cat);
+ * - else the installed catalogue, found relative to where libqor_msg itself
+ *   was loaded from (<libdir>/../share/qor/qor.cat in a usual install), so
+ *   an install to any prefix, or one moved elsewhere, finds its messages.
+ *
+ * Not thread-safe: the installed catalogue and the callback registry are
+ * process-wide. Install once, early, from the main thread.
  */
 #ifndef QOR_CATALOG_H
 #define QOR_CATALOG_H
@@ -52,8 +59,8 @@ extern "C" {
 #endif
 
 /* Opens a catalogue and registers the output and give-text callbacks.
- * path null: the catalogue "qor" found through NLSPATH, else the installed
- * one. path not null: that file (a name without "/" is taken relative to
+ * path null: the file QOR_CATALOG names, else the catalogue "qor" found
+ * through NLSPATH, else the installed one (see above). path not null: that file (a name without "/" is taken relative to
  * the current directory, never looked up through NLSPATH). Returns 0, or
  * 10009 when no catalogue could be opened; then nothing changes, and an
  * earlier installed catalogue stays in use. Installing again replaces the

@@ -1,6 +1,11 @@
 /* libqor associative containers: ASSOC hash tables driven by key types, with
  * scans and traces; atom tables; light TABLEs kept in a freestore, with
- * sequences. */
+ * sequences.
+ *
+ * None of these containers is thread-safe: tables, scans, sequences, the
+ * registry of ASSOC tables and the pools behind them are unprotected and
+ * meant for one thread at a time. Entries and the keys in them belong to
+ * the table; a caller reads them in place and never frees them. */
 #ifndef QOR_CONTAINERS_H
 #define QOR_CONTAINERS_H
 
@@ -30,24 +35,31 @@ typedef struct QOR_ASSOC_entry {
 
 /* Entry of the string key type. */
 typedef struct QOR_ASSOC_string_entry {
-    struct QOR_ASSOC_entry *next;
-    uint64_t hash;
+    struct QOR_ASSOC_entry *next; /* as in QOR_ASSOC_entry */
+    uint64_t hash;                /* as in QOR_ASSOC_entry */
     char *key;   /* private copy of the key */
-    void *value;
+    void *value; /* the caller's word */
 } QOR_ASSOC_string_entry;
 
 /* Entry of the long-int key type: the key is kept as the hash itself. */
 typedef struct QOR_ASSOC_long_int_entry {
-    struct QOR_ASSOC_entry *next;
-    uint64_t hash;
-    void *value;
+    struct QOR_ASSOC_entry *next; /* as in QOR_ASSOC_entry */
+    uint64_t hash;                /* the key itself */
+    void *value;                  /* the caller's word */
 } QOR_ASSOC_long_int_entry;
 
+/* A table: see struct QOR_ASSOC_table. */
 typedef struct QOR_ASSOC_table QOR_ASSOC_table;
+/* A cursor over a table: see struct QOR_ASSOC_scan. */
 typedef struct QOR_ASSOC_scan QOR_ASSOC_scan;
+/* The behaviour of a table: see struct QOR_ASSOC_key_type. */
 typedef struct QOR_ASSOC_key_type QOR_ASSOC_key_type;
 
+/* A key type: the functions and sizes that make a table's behaviour. One
+ * record per key type, normally static data; tables point to it and never
+ * free it. Hooks marked optional may be null. */
 struct QOR_ASSOC_key_type {
+    /* the hash of a key */
     uint64_t (*hash)(QOR_ASSOC_table *table, const void *key);
     /* non-zero when the entry holds that key */
     int (*cmp)(QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
@@ -61,6 +73,7 @@ struct QOR_ASSOC_key_type {
      * be set) */
     QOR_ASSOC_entry *(*entry_alloc)(QOR_ASSOC_table *table, uint32_t size,
                                     const void *key, void *value);
+    /* optional; called once the new entry is linked in */
     void (*entry_init)(QOR_ASSOC_table *table, QOR_ASSOC_entry *entry,
                        const void *key, void *value);
     /* when absent the table never frees entries */
@@ -68,29 +81,36 @@ struct QOR_ASSOC_key_type {
                        uint32_t size);
     /* a zero-filled bucket array of size bytes */
     QOR_ASSOC_entry **(*hash_alloc)(QOR_ASSOC_table *table, uint32_t size);
+    /* optional; frees a bucket array of size bytes */
     void (*hash_free)(QOR_ASSOC_table *table, QOR_ASSOC_entry **buckets,
                       uint32_t size);
     /* a zero-filled table record */
     QOR_ASSOC_table *(*table_alloc)(const QOR_ASSOC_key_type *key_type,
                                     uint32_t size, void *client_data);
+    /* optional; called on the new table record */
     void (*table_init)(const QOR_ASSOC_key_type *key_type,
                        QOR_ASSOC_table *table, void *client_data);
+    /* optional; frees the table record */
     void (*table_free)(const QOR_ASSOC_key_type *key_type,
                        QOR_ASSOC_table *table, uint32_t size);
     /* a zero-filled scan record */
     QOR_ASSOC_scan *(*scan_alloc)(QOR_ASSOC_table *table, uint32_t size,
                                   void *client_data);
+    /* optional; called on the new scan record */
     void (*scan_init)(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
                       void *client_data);
+    /* optional; frees the scan record */
     void (*scan_free)(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
                       uint32_t size);
-    uint32_t entry_size;
+    uint32_t entry_size; /* bytes of this key type's entry record */
     uint32_t table_size; /* may extend the common record */
-    uint32_t scan_size;
+    uint32_t scan_size;  /* bytes of the scan record */
     unsigned char fixed_size; /* initial value of the table's flag */
     unsigned char trace;      /* initial value of the table's flag */
 };
 
+/* The common table record, allocated by the key type's table_alloc. The
+ * caller may set trace; the other fields belong to the table. */
 struct QOR_ASSOC_table {
     char *name;                    /* private copy */
     QOR_ASSOC_table *next;         /* older table in the registry */
@@ -101,112 +121,177 @@ struct QOR_ASSOC_table {
     int32_t count;                 /* entries */
     QOR_ASSOC_entry **buckets;     /* mask + 1 chain heads */
     QOR_ASSOC_scan *scans;         /* live scans, newest first */
-    const QOR_ASSOC_key_type *key_type;
+    const QOR_ASSOC_key_type *key_type; /* never freed by the table */
 };
 
+/* A scan: a cursor over one table that stays valid while entries are
+ * inserted and removed, through it or through the table. */
 struct QOR_ASSOC_scan {
-    QOR_ASSOC_scan *next;
-    QOR_ASSOC_scan *prev;
-    QOR_ASSOC_table *table;
+    QOR_ASSOC_scan *next;   /* older scan of the same table */
+    QOR_ASSOC_scan *prev;   /* newer scan of the same table */
+    QOR_ASSOC_table *table; /* the table scanned */
     QOR_ASSOC_entry *current; /* entry last returned or positioned on */
     unsigned char pending;    /* current already advanced past a removal */
 };
 
 /* The registry of live tables, newest first. */
 QOR_API extern QOR_ASSOC_table *QOR_ASSOC_tables;
-/* The library's key types. */
+/* The library's key type for NUL-terminated string keys, copied into each
+ * entry (QOR_ASSOC_string_entry). */
 QOR_API extern const QOR_ASSOC_key_type *const QOR_ASSOC_string_key_type;
+/* The library's key type for long-int keys, kept as the entry's hash
+ * (QOR_ASSOC_long_int_entry). */
 QOR_API extern const QOR_ASSOC_key_type *const QOR_ASSOC_long_int_key_type;
 
+/* A new table with at least size buckets (a power of 2, never below 32), at
+ * the head of the registry. name is copied; client_data goes only to the
+ * key type's table_alloc and table_init. Destroy it with
+ * QOR_ASSOC_table_destroy. */
 QOR_API QOR_ASSOC_table *QOR_ASSOC_table_create(
     int size, const QOR_ASSOC_key_type *key_type, const char *name,
     void *client_data);
+/* Destroys the table's scans, frees its entries (when the key type frees
+ * entries), its buckets and the table, and takes it out of the registry. */
 QOR_API void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table);
+/* Removes every entry. Live scans come to their end: the next
+ * QOR_ASSOC_scan_next gives null. */
 QOR_API void QOR_ASSOC_table_clear(QOR_ASSOC_table *table);
+/* The first entry with the key in chain order (the newest of duplicates),
+ * or null. The entry belongs to the table. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
                                               const void *key);
+/* previous null: as QOR_ASSOC_table_find. Otherwise the next entry after
+ * previous in its chain whose hash is previous's and which holds the key,
+ * or null: walks every duplicate of a key. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
                                                   const void *key,
                                                   QOR_ASSOC_entry *previous);
+/* The existing entry of the key, unchanged (*found = 1), or a new entry
+ * (*found = 0). found may be null. May grow the table. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
                                                 const void *key, void *value,
                                                 int *found);
+/* Removes the first entry of the key, if any (*replaced = 1, else 0), and
+ * inserts a new one. replaced may be null. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(
     QOR_ASSOC_table *table, const void *key, void *value, int *replaced);
+/* Always a new entry, even when the key is there already. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_table_insert_dup(QOR_ASSOC_table *table,
                                                     const void *key,
                                                     void *value);
+/* Unlinks and frees one entry of this table (null: nothing). A scan
+ * standing on it moves on to the entry that followed. An entry of another
+ * table must never be passed. */
 QOR_API void QOR_ASSOC_table_remove(QOR_ASSOC_table *table,
                                     QOR_ASSOC_entry *entry);
+/* Prints the table's name, sizes and every entry on the stream. */
 QOR_API void QOR_ASSOC_table_report(FILE *stream, QOR_ASSOC_table *table);
+/* Reports the newest live table of that name; nothing when there is none. */
 QOR_API void QOR_ASSOC_table_report_by_name(FILE *stream, const char *name);
 
+/* A new scan of the table, before its first entry. client_data goes only
+ * to the key type's scan_alloc and scan_init. Destroyed with
+ * QOR_ASSOC_scan_destroy or with its table. */
 QOR_API QOR_ASSOC_scan *QOR_ASSOC_scan_create(QOR_ASSOC_table *table,
                                               void *client_data);
+/* Ends the scan and frees it. */
 QOR_API void QOR_ASSOC_scan_destroy(QOR_ASSOC_scan *scan);
+/* The next entry, bucket by bucket and each chain from its head; null at
+ * the end, after which the scan starts again from the first entry. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_next(QOR_ASSOC_scan *scan);
+/* QOR_ASSOC_table_find on the scan's table; the scan stands on the result. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_find(QOR_ASSOC_scan *scan,
                                              const void *key);
+/* QOR_ASSOC_table_find_dup from the entry the scan stands on (the hash
+ * compared is that entry's, not the key's); the scan stands on the result.
+ * Called again and again it walks every entry of the key. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_find_dup(QOR_ASSOC_scan *scan,
                                                  const void *key);
+/* QOR_ASSOC_table_insert; the scan stands on the result. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert(QOR_ASSOC_scan *scan,
                                                const void *key, void *value,
                                                int *found);
+/* QOR_ASSOC_table_insert_replace; the scan stands on the result. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert_replace(QOR_ASSOC_scan *scan,
                                                        const void *key,
                                                        void *value,
                                                        int *replaced);
+/* QOR_ASSOC_table_insert_dup; the scan stands on the result. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_scan_insert_dup(QOR_ASSOC_scan *scan,
                                                    const void *key,
                                                    void *value);
+/* Removes the entry the scan stands on; the next QOR_ASSOC_scan_next gives
+ * the entry that followed it. Does nothing when the scan has already moved
+ * past a removed entry. */
 QOR_API void QOR_ASSOC_scan_remove(QOR_ASSOC_scan *scan);
 
-/* Default hooks, for key types of the caller's own: each allocator returns
+/* Default hook for table_alloc: QOR_calloc(1, size). The default hooks are
+ * for key types of the caller's own; each allocator returns
  * QOR_calloc(1, size) and each free calls QOR_free; other arguments are
  * ignored. */
 QOR_API QOR_ASSOC_table *QOR_ASSOC_table_alloc(
     const QOR_ASSOC_key_type *key_type, uint32_t size, void *client_data);
+/* Default hook for hash_alloc: QOR_calloc(1, size). */
 QOR_API QOR_ASSOC_entry **QOR_ASSOC_hash_alloc(QOR_ASSOC_table *table,
                                                uint32_t size);
+/* Default hook for entry_alloc: QOR_calloc(1, size), payload left zero. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_entry_alloc(QOR_ASSOC_table *table,
                                                uint32_t size, const void *key,
                                                void *value);
+/* Default hook for scan_alloc: QOR_calloc(1, size). */
 QOR_API QOR_ASSOC_scan *QOR_ASSOC_scan_alloc(QOR_ASSOC_table *table,
                                              uint32_t size,
                                              void *client_data);
+/* Default hook for table_free: QOR_free(table). */
 QOR_API void QOR_ASSOC_table_free(const QOR_ASSOC_key_type *key_type,
                                   QOR_ASSOC_table *table, uint32_t size);
+/* Default hook for hash_free: QOR_free(buckets). */
 QOR_API void QOR_ASSOC_hash_free(QOR_ASSOC_table *table,
                                  QOR_ASSOC_entry **buckets, uint32_t size);
+/* Default hook for entry_free: QOR_free(entry). */
 QOR_API void QOR_ASSOC_entry_free(QOR_ASSOC_table *table,
                                   QOR_ASSOC_entry *entry, uint32_t size);
+/* Default hook for scan_free: QOR_free(scan). */
 QOR_API void QOR_ASSOC_scan_free(QOR_ASSOC_table *table, QOR_ASSOC_scan *scan,
                                  uint32_t size);
 
-/* Functions of the library's key types. */
+/* Hash of a string key: h = h * 4 + byte over at most 14 bytes, the whole
+ * key when it is 14 bytes or shorter, else the 14 in its middle (the ends
+ * of long keys are left out on purpose; cmp tells such keys apart). */
 QOR_API uint64_t QOR_ASSOC_string_hash(QOR_ASSOC_table *table,
                                        const void *key);
+/* 1 when the string entry's key equals the key (strcmp), else 0. */
 QOR_API int QOR_ASSOC_string_cmp(QOR_ASSOC_table *table,
                                  QOR_ASSOC_entry *entry, const void *key);
+/* A zeroed string entry holding a copy of the key (QOR_copy_string) and
+ * the value. */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_string_alloc(QOR_ASSOC_table *table,
                                                 uint32_t size,
                                                 const void *key, void *value);
+/* Frees the string entry's key copy, then the entry. */
 QOR_API void QOR_ASSOC_string_free(QOR_ASSOC_table *table,
                                    QOR_ASSOC_entry *entry, uint32_t size);
+/* One line: hash, bucket, (key address, key text): value. */
 QOR_API void QOR_ASSOC_string_print(FILE *stream, QOR_ASSOC_table *table,
                                     QOR_ASSOC_entry *entry, int bucket);
+/* "(key address, key text)", no line end. */
 QOR_API void QOR_ASSOC_string_print_key(FILE *stream, QOR_ASSOC_table *table,
                                         const void *key);
+/* Hash of a long-int key: the key itself. */
 QOR_API uint64_t QOR_ASSOC_long_int_hash(QOR_ASSOC_table *table,
                                          const void *key);
+/* 1 when the entry's hash equals the key, else 0. */
 QOR_API int QOR_ASSOC_long_int_cmp(QOR_ASSOC_table *table,
                                    QOR_ASSOC_entry *entry, const void *key);
+/* A zeroed long-int entry holding the value (the key is its hash). */
 QOR_API QOR_ASSOC_entry *QOR_ASSOC_long_int_alloc(QOR_ASSOC_table *table,
                                                   uint32_t size,
                                                   const void *key,
                                                   void *value);
+/* One line: hash, bucket, (key in hex, key in decimal): value. */
 QOR_API void QOR_ASSOC_long_int_print(FILE *stream, QOR_ASSOC_table *table,
                                       QOR_ASSOC_entry *entry, int bucket);
+/* "(key in hex, key in decimal)", no line end. */
 QOR_API void QOR_ASSOC_long_int_print_key(FILE *stream,
                                           QOR_ASSOC_table *table,
                                           const void *key);
@@ -235,6 +320,8 @@ QOR_API QOR_atom_table *QOR_create_atom_table(const char *name,
 /* A table that never made an atom has no string array: destroying it is
  * the assertion failure of QOR_free for a null pointer. */
 QOR_API void QOR_destroy_atom_table(QOR_atom_table *table);
+/* The atom of the string, made (and the string copied into the table's
+ * freestore) when it has none yet. */
 QOR_API int QOR_string_to_atom(QOR_atom_table *table, const char *string);
 /* 0 when the string has no atom; no number is used up. */
 QOR_API int QOR_string_to_existing_atom(QOR_atom_table *table,
@@ -255,38 +342,44 @@ QOR_API int QOR_unique_atom(QOR_atom_table *table);
 /* Key kinds. Any other kind: keys never match. */
 enum { QOR_TABLE_POINTER_KEYS = 0, QOR_TABLE_STRING_KEYS = 1 };
 
+/* An entry of a TABLE, in the table's freestore. */
 typedef struct QOR_TABLE_entry {
     const void *key; /* the caller's pointer, or a copy in the freestore */
-    void *value;
+    void *value;     /* the caller's word */
     struct QOR_TABLE_entry *next; /* chain link */
     uint64_t hash;                /* full hash of the key */
 } QOR_TABLE_entry;
 
+/* A sequence: see struct QOR_TABLE_SEQ. */
 typedef struct QOR_TABLE_SEQ QOR_TABLE_SEQ;
 
+/* A light table, in the freestore given to QOR_TABLE_create. */
 typedef struct QOR_TABLE {
-    uint32_t kind;
-    uint32_t count;
+    uint32_t kind;  /* QOR_TABLE_POINTER_KEYS, QOR_TABLE_STRING_KEYS, ... */
+    uint32_t count; /* entries */
     QOR_TABLE_entry **buckets; /* mask + 1 chain heads, from QOR_calloc */
     QOR_TABLE_SEQ *sequences;  /* open sequences, newest first */
     uint64_t mask;             /* buckets - 1; buckets a power of 2 >= 2 */
     unsigned char fixed_size;  /* non-zero: never grows; the caller sets it */
-    uint64_t (*hash)(const void *key);
+    uint64_t (*hash)(const void *key); /* set from kind by QOR_TABLE_create */
     /* optional; non-zero when equal; replaces the rule of kind */
     int (*compare)(const void *entry_key, const void *key);
-    QOR_FS_allocator *freestore;
+    QOR_FS_allocator *freestore; /* where the record and entries live */
 } QOR_TABLE;
 
 /* A walk over a table's entries that stays valid while entries are removed;
  * the table does not grow while one is open. From the library's pool. */
 struct QOR_TABLE_SEQ {
-    QOR_TABLE_SEQ *next;
-    QOR_TABLE_SEQ *prev;
+    QOR_TABLE_SEQ *next;    /* older sequence of the same table */
+    QOR_TABLE_SEQ *prev;    /* newer sequence of the same table */
     int32_t bucket;         /* bucket of entry; -1 once run out */
     QOR_TABLE_entry *entry; /* what the next step returns, or null */
-    QOR_TABLE *table;
+    QOR_TABLE *table;       /* the table walked */
 };
 
+/* A new TABLE in the freestore with at least size buckets (a power of 2,
+ * at least 2), for keys of the kind. Only its bucket array comes from basic
+ * space: free it with QOR_TABLE_destroy before the freestore goes. */
 QOR_API QOR_TABLE *QOR_TABLE_create(unsigned long size, unsigned kind,
                                     QOR_FS_allocator *freestore);
 /* The existing entry of an equal key (its value unchanged), or a new one.
@@ -297,6 +390,7 @@ QOR_API QOR_TABLE_entry *QOR_TABLE_insert(QOR_TABLE *table, const void *key,
 QOR_API QOR_TABLE_entry *QOR_TABLE_insert_non(QOR_TABLE *table,
                                               const void *key, void *value,
                                               int copy);
+/* The entry of the key, or null. */
 QOR_API QOR_TABLE_entry *QOR_TABLE_find(QOR_TABLE *table, const void *key);
 /* The first matching entry of the chain from `from` on, `from` included
  * (null: as QOR_TABLE_find). Pass the next of the entry last found to reach
@@ -311,7 +405,10 @@ QOR_API void QOR_TABLE_report(QOR_TABLE *table);
 /* Closes the sequences and frees the bucket array; the rest goes with the
  * freestore. */
 QOR_API void QOR_TABLE_destroy(QOR_TABLE *table);
+/* A new sequence over the table, from the library's pool; give it back
+ * with QOR_TABLE_SEQ_destroy (or QOR_TABLE_destroy). */
 QOR_API QOR_TABLE_SEQ *QOR_TABLE_SEQ_create(QOR_TABLE *table);
+
 /* Every entry once, then null for ever. */
 QOR_API QOR_TABLE_entry *QOR_TABLE_SEQ_next(QOR_TABLE_SEQ *sequence);
 QOR_API void QOR_TABLE_SEQ_destroy(QOR_TABLE_SEQ *sequence);

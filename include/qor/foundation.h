@@ -4,6 +4,12 @@
  * The library holds no message texts. Every message is a (set, number, type,
  * parameters) quadruple handed to the callbacks registered here; with none
  * registered, an untranslated form goes to standard error.
+ *
+ * Nothing here is thread-safe: the callback registry, the exception handler
+ * state and the debug allocator's log are plain process-wide globals, meant
+ * for one thread. Blocks from the basic space functions belong to the
+ * caller, who frees them with QOR_free (QOR_free_debug for the debugging
+ * twins).
  */
 #ifndef QOR_FOUNDATION_H
 #define QOR_FOUNDATION_H
@@ -13,8 +19,11 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
+/* Marks a name the shared library exports. */
 #define QOR_API __attribute__((visibility("default")))
+/* Marks a function that never returns. */
 #define QOR_NORETURN __attribute__((noreturn))
+/* Marks a function whose argument list ends with a null pointer. */
 #define QOR_SENTINEL __attribute__((sentinel))
 #else
 #define QOR_API
@@ -128,9 +137,10 @@ QOR_API extern jmp_buf QOR_fatal_handler;
 typedef void (*QOR_callback_proc)(void *widget, void *client_data,
                                   void *call_data);
 
+/* One slot of the callback registry. */
 typedef struct QOR_registered_callback {
-    QOR_callback_proc procedure;
-    void *client_data;
+    QOR_callback_proc procedure; /* null when nothing is registered */
+    void *client_data;           /* passed back unchanged */
 } QOR_registered_callback;
 
 enum {
@@ -142,6 +152,8 @@ enum {
 
 /* "QOR_OUTPUT_MESSAGE", "QOR_GIVE_MESSAGE_TEXT", "QOR_DISC_FULL_HANDLER". */
 QOR_API extern const char *const QOR_callback_names[QOR_CALLBACK_SLOTS];
+/* The registry, one entry a slot, empty to start with; set through
+ * QOR_set_callback. */
 QOR_API extern QOR_registered_callback
     QOR_registered_callbacks[QOR_CALLBACK_SLOTS];
 
@@ -149,51 +161,65 @@ QOR_API extern QOR_registered_callback
  * writing result. -1 from the output or give-text callback means the
  * message system is unavailable. */
 typedef struct QOR_output_message_record {
-    const char *reason;
-    int32_t result;
-    const char *set;
-    int32_t number;
-    int32_t type;
-    char **parameters;
+    const char *reason; /* "QOR_OUTPUT_MESSAGE" */
+    int32_t result;     /* 0 before the call; the callback's answer */
+    const char *set;    /* message set name, "qor" for the library's */
+    int32_t number;     /* message number */
+    int32_t type;       /* message type: 4, 7, 67 or 71 */
+    char **parameters;  /* null-ended list of texts ($0..$6), or null */
 } QOR_output_message_record;
 
+/* The call record of the give-text callback. */
 typedef struct QOR_give_message_text_record {
-    const char *reason;
-    int32_t result;
-    const char *set;
-    int32_t number;
-    char **parameters;
-    char *buffer;
-    int32_t buffer_size;
+    const char *reason;  /* "QOR_GIVE_MESSAGE_TEXT" */
+    int32_t result;      /* 0 before the call; the callback's answer */
+    const char *set;     /* message set name */
+    int32_t number;      /* message number */
+    char **parameters;   /* null-ended list of texts ($0..$6), or null */
+    char *buffer;        /* the caller's buffer for the text */
+    int32_t buffer_size; /* its size in bytes */
 } QOR_give_message_text_record;
 
 /* Its reason is the name of slot 1, "QOR_GIVE_MESSAGE_TEXT": applications
  * written against the original behaviour test for it. */
 typedef struct QOR_disc_full_record {
-    const char *reason;
-    int32_t result;
-    int32_t os_error;
-    int32_t context;
-    const char *path;
+    const char *reason; /* "QOR_GIVE_MESSAGE_TEXT", kept as it always was */
+    int32_t result;     /* 0 before the call: retry; anything else: give up */
+    int32_t os_error;   /* the errno value, ENOSPC from the library */
+    int32_t context;    /* context code of the failed write */
+    const char *path;   /* OS path being written */
 } QOR_disc_full_record;
 
 /* Registers (or, with a null procedure, unregisters) the callback called
  * name. Returns 0, or 2070 for an unknown name. */
 QOR_API int QOR_set_callback(void *widget, const char *name,
                              QOR_callback_proc procedure, void *client_data);
+/* Hands one message to the output callback and returns its answer. With
+ * none registered, or an answer of -1, prints "Error: QOR Message System
+ * unavailable - output_message" and an "Untranslated message: ..." line on
+ * standard error and returns 10009. */
 QOR_API int QOR_output_message(const char *set, int number, int type,
                                char **parameters);
+/* Asks the give-text callback for the text of a message, parameters filled
+ * in, in buffer (size bytes), and returns its answer. With none registered,
+ * or an answer of -1, prints the unavailability line, leaves buffer as it
+ * was and returns 10009: clear its first byte before the call. */
 QOR_API int QOR_give_message_text(const char *set, int number,
                                   char **parameters, char *buffer, int size);
 /* 0: retry the write; anything else: give up. -1 with no handler. */
 QOR_API int QOR_call_disc_full_handler(int os_error, const char *path,
                                        int context);
+/* Outputs message 2 of set "qor", type 7, with $0 the line in decimal and
+ * $1 the file. */
 QOR_API void QOR_log_location(int line, const char *file);
 
 /* Fatal errors never return unless the handler state is outside 0..2.
  * With number -1, set is the complete message text. */
 QOR_API void QOR_fatal_error(const char *set, int number, char **parameters,
                              int exit_status);
+/* As QOR_fatal_error, but the parameters are the texts of messages of the
+ * same set, given by number (at most 7 are used). Unlike QOR_fatal_error
+ * it leaves the display outlet alone. */
 QOR_API void QOR_fatal_error_msg(const char *set, int number, int count,
                                  int *parameter_numbers, int exit_status);
 /* Assertion failure: "File %s, Line %d: %s", raised with status 1. */
@@ -203,12 +229,19 @@ QOR_API void QOR_fatal(const char *text, const char *file, int line);
  * Never returns null: bad sizes are assertion failures, exhaustion is the
  * fatal error 2011 (message 11). Free with QOR_free, never with free(). */
 QOR_API void *QOR_malloc(int32_t size);
+/* Zeroed; a count or size of 0 or below is an assertion failure. */
 QOR_API void *QOR_calloc(int32_t count, int32_t size);
+/* A null block gets a new one; the contents are kept up to the smaller
+ * size. The block may move. */
 QOR_API void *QOR_realloc(void *block, int32_t size);
 /* Unlike free(), a null pointer is an assertion failure. */
 QOR_API void QOR_free(void *block);
+/* Sets length bytes to 0 and returns the block; no checks. */
 QOR_API void *QOR_clear_memory(void *block, uint32_t length);
+/* A new copy of the text; a null text gives a new "". */
 QOR_API char *QOR_copy_string(const char *text);
+/* A new copy of length bytes; null for a null block (nothing allocated), a
+ * one-byte block (content unset) for length 0. */
 QOR_API void *QOR_copy_memory(const void *block, uint32_t length);
 /* Joins the texts up to a null pointer. A null first text gives "". */
 QOR_API char *QOR_cat_strings(const char *first, ...) QOR_SENTINEL;
@@ -236,7 +269,10 @@ QOR_API void *QOR_calloc_debug(uint32_t count, uint32_t size,
  * by QOR_free_debug first, and resized whatever the check reported. */
 QOR_API void *QOR_realloc_debug(void *block, uint32_t size, const char *file,
                                 int32_t line);
+/* Checks the block against the log and its guard and frees it; a block
+ * freed twice or written past its end is reported and kept. */
 QOR_API void QOR_free_debug(void *block, const char *file, int32_t line);
+
 /* A null text gives a new empty text. */
 QOR_API char *QOR_copy_string_debug(const char *text, const char *file,
                                     int32_t line);

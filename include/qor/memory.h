@@ -1,5 +1,11 @@
 /* libqor pooled allocators: the freestore (arena with marks) and the static
- * allocator (fixed-size records from bitmapped blocks). */
+ * allocator (fixed-size records from bitmapped blocks).
+ *
+ * Neither is thread-safe: an allocator, and the shared freestore above all,
+ * is meant for one thread at a time. What an allocator hands out belongs to
+ * it: pieces go with an empty, a destroy or a restore past them, records
+ * with QOR_SA_release or QOR_SA_destroy; none is freed with free() or
+ * QOR_free. */
 #ifndef QOR_MEMORY_H
 #define QOR_MEMORY_H
 
@@ -24,27 +30,32 @@ extern "C" {
 typedef struct QOR_FS_chunk {
     uint32_t size; /* total bytes of the chunk, header included */
     uint32_t used; /* offset of the first free byte from the chunk's start */
-    struct QOR_FS_chunk *next;
+    struct QOR_FS_chunk *next; /* next chunk of the chain */
 } QOR_FS_chunk;
 
+/* A freestore. The caller owns the record (often static, or inside another
+ * record); set it up with QOR_FS_INITIALISER or QOR_FS_initialise. */
 typedef struct QOR_FS_allocator {
     uint32_t chunk_size; /* data bytes of a standard chunk, multiple of 4 */
     uint32_t options;    /* QOR_FS_CLEAR: every piece is zero-filled */
-    QOR_FS_chunk *first_chunk;
-    QOR_FS_chunk *current_chunk;
-    uint32_t oversized_count;
+    QOR_FS_chunk *first_chunk;   /* head of the chain */
+    QOR_FS_chunk *current_chunk; /* chunk being filled, or null when fresh */
+    uint32_t oversized_count;    /* oversized chunks in the chain */
 } QOR_FS_allocator;
 
+/* Option: every piece handed out is zero-filled. */
 #define QOR_FS_CLEAR 0x1u
 
 /* Static initialiser: QOR_FS_allocator fs = QOR_FS_INITIALISER(2016, 0); */
 #define QOR_FS_INITIALISER(chunk_size, options) \
     { (chunk_size), (options), NULL, NULL, 0 }
 
+/* A point of a freestore to return to, filled by QOR_FS_save; the caller
+ * owns it, normally as a local variable. */
 typedef struct QOR_FS_mark {
-    QOR_FS_chunk *chunk;
-    uint32_t used;
-    uint32_t oversized_count;
+    QOR_FS_chunk *chunk;      /* current chunk at the save, or null */
+    uint32_t used;            /* its used offset then */
+    uint32_t oversized_count; /* the freestore's count then */
 } QOR_FS_mark;
 
 /* The shared freestore: chunk size 2016, no options. Results of the
@@ -52,21 +63,47 @@ typedef struct QOR_FS_mark {
  * taken before the call. */
 QOR_API extern QOR_FS_allocator QOR_SH_fs_allocator;
 
+/* Sets the freestore up fresh, without chunks: chunk_size rounded up to a
+ * multiple of 4, options QOR_FS_CLEAR or 0. Chunks it held are forgotten,
+ * not freed. */
 QOR_API void QOR_FS_initialise(QOR_FS_allocator *fs, uint32_t chunk_size,
                                uint32_t options);
+/* A piece of at least size bytes (rounded up to a multiple of 4, 4-byte
+ * aligned), or null for size 0. Never fails: exhaustion is fatal (2011). */
 QOR_API void *QOR_FS_malloc(QOR_FS_allocator *fs, uint32_t size);
+/* A zero-filled piece of count * size bytes (a 32-bit product), or null
+ * when the product is 0. */
 QOR_API void *QOR_FS_calloc(QOR_FS_allocator *fs, uint32_t count,
                             uint32_t size);
+/* A copy of s in the freestore; a null s gives "". */
 QOR_API char *QOR_FS_copy_string(QOR_FS_allocator *fs, const char *s);
+/* A copy of n bytes in the freestore; null for a null p, and a 1-byte
+ * piece (not written) for n = 0. */
 QOR_API void *QOR_FS_copy_memory(QOR_FS_allocator *fs, const void *p,
                                  uint32_t n);
+/* The strings up to a null pointer joined in one new piece. A null s1
+ * gives "" and the rest is not read. */
 QOR_API char *QOR_FS_cat_strings(QOR_FS_allocator *fs, const char *s1, ...)
     QOR_SENTINEL;
+/* As QOR_FS_cat_strings in the shared freestore, except that s1 is first
+ * copied with QOR_copy_string: a null s1 reads as "" and the strings after
+ * it are joined all the same. */
 QOR_API char *QOR_SH_cat_strings(const char *s1, ...) QOR_SENTINEL;
+/* Remembers the freestore's present point in mark. */
 QOR_API void QOR_FS_save(QOR_FS_allocator *fs, QOR_FS_mark *mark);
+/* Gives back every piece allocated since the save of mark: oversized
+ * chunks made since are freed, standard chunks kept for reuse. Marks are
+ * restored in the reverse order of their saves; a mark taken on a fresh
+ * freestore empties it. */
 QOR_API void QOR_FS_restore(QOR_FS_allocator *fs, QOR_FS_mark *mark);
+/* Gives back every piece; oversized chunks are freed, standard chunks
+ * kept for reuse. */
 QOR_API void QOR_FS_empty(QOR_FS_allocator *fs);
+/* Frees every chunk. Chunk size and options stay: the freestore may be
+ * used again at once. */
 QOR_API void QOR_FS_destroy(QOR_FS_allocator *fs);
+/* Prints the freestore's chunks and space to standard error; verbose adds
+ * a line per used chunk. */
 QOR_API void QOR_FS_dump(QOR_FS_allocator *fs, int verbose);
 
 /* ---- Static allocator ---------------------------------------------------
@@ -86,6 +123,8 @@ QOR_API void QOR_FS_dump(QOR_FS_allocator *fs, int verbose);
  * QOR_clear_memory serves as an allocate hook as it is. */
 typedef void *(*QOR_SA_hook)(void *record, uint32_t structure_size);
 
+/* A static allocator. The caller owns the record (often static); set it up
+ * with QOR_SA_INITIALISER or QOR_SA_initialise. */
 typedef struct QOR_SA_allocator {
     uint32_t structure_size;    /* bytes of one record */
     uint32_t initial_entries;   /* records in the first block */
@@ -94,10 +133,11 @@ typedef struct QOR_SA_allocator {
     QOR_SA_hook release_hook;   /* optional */
     uint32_t free_entries;      /* free records in all blocks */
     uint32_t first_free_hint;   /* no record below this index is free */
-    uint32_t blocks_in_use;
+    uint32_t blocks_in_use;     /* blocks of records */
     uint32_t blocks_allocated;  /* capacity of blocks */
     uint32_t bitmaps_allocated; /* 64-bit words in bitmaps */
-    void **blocks;
+    void **blocks;     /* the blocks, from basic space */
+
     uint64_t *bitmaps; /* bit i%64 of word i/64 set: record i is free */
 } QOR_SA_allocator;
 

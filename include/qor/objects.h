@@ -19,6 +19,11 @@
  * and its status returned. Texts returned by _SH_ functions live in the
  * shared freestore QOR_SH_fs_allocator; the others are from basic space and
  * are freed with QOR_free.
+ *
+ * None of this is thread-safe: the table of object locks, the pool of
+ * open-contents records and the shared freestore are process-wide and
+ * unprotected. Record locks are those of POSIX: they belong to the process,
+ * so they keep other processes out, not other threads.
  */
 #ifndef QOR_OBJECTS_H
 #define QOR_OBJECTS_H
@@ -57,10 +62,15 @@ QOR_API int QOR_check_directory(const char *path, const char *name, ...);
 /* The qor path of an object's member file: the absolute qor path of the
  * object, "/", the member's name. Null when the path does not translate. */
 QOR_API char *QOR_lock_path(const char *path);
+/* The qor path of the object's ".index", a copy from basic space. */
 QOR_API char *QOR_index_path(const char *path);
+/* The qor path of the object's ".body", a copy from basic space. */
 QOR_API char *QOR_body_path(const char *path);
+/* As QOR_lock_path, the result in the shared freestore. */
 QOR_API char *QOR_SH_lock_path(const char *path);
+/* As QOR_index_path, the result in the shared freestore. */
 QOR_API char *QOR_SH_index_path(const char *path);
+/* As QOR_body_path, the result in the shared freestore. */
 QOR_API char *QOR_SH_body_path(const char *path);
 
 /* ---- Ownership, permissions and accessibility --------------------------- */
@@ -82,14 +92,14 @@ enum { QOR_CLASS_OWNER = 0, QOR_CLASS_GROUP = 1, QOR_CLASS_OTHERS = 2 };
  * the user id in the low half; -1 in either half leaves that id unchanged
  * when setting (the chown convention). */
 typedef struct QOR_ownership {
-    int16_t user;
-    int16_t group;
+    int16_t user;  /* owner's user id, cut to 16 bits */
+    int16_t group; /* group id, cut to 16 bits */
 } QOR_ownership;
 
 /* The names of an ownership's ids. */
 typedef struct QOR_ownership_names {
-    char *user;
-    char *group;
+    char *user;  /* the user's login name */
+    char *group; /* the group's name */
 } QOR_ownership_names;
 
 /* Access times in seconds: last access, last status change, last
@@ -117,10 +127,14 @@ QOR_API int QOR_set_permissions(const char *path, int32_t is_dir,
 /* The full st_mode, type bits included. */
 QOR_API int QOR_read_permissions(const char *path, int32_t is_dir,
                                  uint32_t *mode);
+/* Sets the owner and group of the host file at the path (chown); -1 in a
+ * half leaves that id unchanged. */
 QOR_API int QOR_ref_set_ownership(const char *path, int32_t is_dir,
                                   const QOR_ownership *ownership);
+/* As QOR_ref_set_ownership, the ownership passed by value. */
 QOR_API int QOR_set_ownership(const char *path, int32_t is_dir,
                               QOR_ownership ownership);
+/* The owner and group ids of the host file at the path, cut to 16 bits. */
 QOR_API int QOR_read_ownership(const char *path, int32_t is_dir,
                                QOR_ownership *ownership);
 /* Names of the ids; 2070 without a message for an unknown id. The first two
@@ -128,10 +142,13 @@ QOR_API int QOR_read_ownership(const char *path, int32_t is_dir,
  * copies in the shared freestore. */
 QOR_API int QOR_ref_read_ownership_name(const QOR_ownership *ownership,
                                         QOR_ownership_names *names);
+/* As QOR_ref_read_ownership_name, the ownership passed by value. */
 QOR_API int QOR_read_ownership_name(QOR_ownership ownership,
                                     QOR_ownership_names *names);
+/* As QOR_ref_read_ownership_name, the names in the shared freestore. */
 QOR_API int QOR_SH_ref_read_ownership_name(const QOR_ownership *ownership,
                                            QOR_ownership_names *names);
+/* As QOR_read_ownership_name, the names in the shared freestore. */
 QOR_API int QOR_SH_read_ownership_name(QOR_ownership ownership,
                                        QOR_ownership_names *names);
 /* Bytes of the file (type 0) or of the ".body" (types 3 and above); types 1
@@ -145,6 +162,7 @@ QOR_API int QOR_read_access_times(const char *path, unsigned int type,
 /* "<device>_<inode>" in decimal: equal for two paths of one host file. */
 QOR_API int QOR_read_identity(const char *path, int32_t is_dir,
                               char **identity);
+/* As QOR_read_identity, the result in the shared freestore. */
 QOR_API int QOR_SH_read_identity(const char *path, int32_t is_dir,
                                  char **identity);
 
@@ -171,6 +189,7 @@ QOR_API int QOR_open_links(const char *path, unsigned int type,
 QOR_API int QOR_next_link(QOR_link_listing *listing);
 /* A copy of the current link's name, or null when there is none. */
 QOR_API char *QOR_read_linkname(QOR_link_listing *listing);
+/* As QOR_read_linkname, the result in the shared freestore. */
 QOR_API char *QOR_SH_read_linkname(QOR_link_listing *listing);
 /* Ends the listing and frees it, whatever the status. */
 QOR_API int QOR_close_links(QOR_link_listing *listing);
@@ -272,9 +291,12 @@ QOR_API int QOR_unlock_contents(QOR_contents_record *rec);
 /* Both always return 0. */
 QOR_API int QOR_contents_lock_mode(QOR_contents_record *rec,
                                    unsigned int *mode);
+/* The record's host descriptor; it stays the record's: close the record,
+ * never the descriptor. */
 QOR_API int QOR_get_fd(QOR_contents_record *rec, int *fd);
 /* A stream over the descriptor, made on the first call and kept. */
 QOR_API int QOR_get_file_ptr(QOR_contents_record *rec, FILE **stream);
+/* Bytes of the open file now (fstat). */
 QOR_API int QOR_read_open_contents_size(QOR_contents_record *rec,
                                         uint64_t *size);
 /* Flushes the stream, or syncs the descriptor of a writable record. */
@@ -291,6 +313,8 @@ QOR_API int QOR_close_contents(QOR_contents_record *rec);
  * with no message. */
 QOR_API int QOR_read_idle_block(QOR_contents_record *rec, int64_t offset,
                                 void *buffer, int length);
+/* The writing twin of QOR_read_idle_block (messages 404 and 402, status
+ * 2402). */
 QOR_API int QOR_write_idle_block(QOR_contents_record *rec, int64_t offset,
                                  const void *buffer, int length);
 
@@ -324,7 +348,9 @@ QOR_API int QOR_move_object(const char *source, unsigned int type,
  * ("dbi.lock" tolerated but never removed) and removes nothing otherwise;
  * a failure leaves the remaining members in place. */
 QOR_API int QOR_delete_object(const char *path, unsigned int type);
+/* As QOR_delete_object without the check of the directory's entries. */
 QOR_API int QOR_unchecked_delete_object(const char *path, unsigned int type);
+
 
 /* Object locks: record locks on the ".lock" member of a composite object,
  * held until QOR_unlock_object. Locking an object already locked by this

@@ -67,12 +67,14 @@ QOR_API int QOR_compare_os_names(const char *a, const char *b);
 /* OS path (relative ones taken against the current directory) to a
  * normalised absolute qor path. */
 QOR_API char *QOR_os_to_qor(const char *os_path);
+/* As QOR_os_to_qor, the result in the shared freestore. */
 QOR_API char *QOR_SH_os_to_qor(const char *os_path);
 
 /* The text of a symbolic link as a qor link name: split at "/" and joined
  * again, neither normalised nor resolved (a relative link stays relative).
  * An empty text gives an empty string. */
 QOR_API char *QOR_os_to_qor_linkname(const char *os_path);
+/* As QOR_os_to_qor_linkname, the result in the shared freestore. */
 QOR_API char *QOR_SH_os_to_qor_linkname(const char *os_path);
 
 /* base (resolved against the current directory) with tail appended, then
@@ -81,6 +83,7 @@ QOR_API char *QOR_SH_os_to_qor_linkname(const char *os_path);
 QOR_API char *QOR_concat_os_paths(const char *base, const char *tail,
                                   unsigned int render_mode,
                                   unsigned int form);
+/* As QOR_concat_os_paths, the result in the shared freestore. */
 QOR_API char *QOR_SH_concat_os_paths(const char *base, const char *tail,
                                      unsigned int render_mode,
                                      unsigned int form);
@@ -88,27 +91,32 @@ QOR_API char *QOR_SH_concat_os_paths(const char *base, const char *tail,
 /* qor path to a normalised absolute qor path, every anchor and embedded host
  * path expanded. */
 QOR_API char *QOR_qor_to_absolute_qor(const char *qor_path);
+/* As QOR_qor_to_absolute_qor, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_absolute_qor(const char *qor_path);
 
 /* qor path of a directory to an absolute OS path. */
 QOR_API char *QOR_qor_to_os_dir(const char *qor_path);
+/* As QOR_qor_to_os_dir, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_os_dir(const char *qor_path);
 
 /* qor path to an absolute OS path. An embedded host path ("@...") is copied
  * as it is written. */
 QOR_API char *QOR_qor_to_os(const char *qor_path, unsigned int render_mode);
+/* As QOR_qor_to_os, the result in the shared freestore. */
 QOR_API char *QOR_SH_qor_to_os(const char *qor_path,
                                unsigned int render_mode);
 
 /* The absolute qor path of a directory, "/", then the entry name: "/" and
  * "x" give "//x". */
 QOR_API char *QOR_composite_path(const char *dir_path, const char *name);
+/* As QOR_composite_path, the result in the shared freestore. */
 QOR_API char *QOR_SH_composite_path(const char *dir_path, const char *name);
 
 /* ---- Environment, current directory, temporary names ------------------- */
 
 /* The value of a variable, or null when name is null or it is unset. */
 QOR_API char *QOR_getenv(const char *name);
+/* As QOR_getenv, the result in the shared freestore. */
 QOR_API char *QOR_SH_getenv(const char *name);
 
 /* Sets name=value in the environment; 0 on success. A null argument records
@@ -118,23 +126,56 @@ QOR_API int QOR_putenv(const char *name, const char *value);
 
 /* qor path of the current directory: what ".0" translates to. */
 QOR_API char *QOR_current_directory(void);
+/* As QOR_current_directory, the result in the shared freestore. */
 QOR_API char *QOR_SH_current_directory(void);
 
 /* qor path of the temporary directory: QOR_TMP (relative values taken
  * against the current directory), else "/tmp". */
 QOR_API char *QOR_temporary_directory(void);
+/* As QOR_temporary_directory, the result in the shared freestore. */
 QOR_API char *QOR_SH_temporary_directory(void);
 
 /* qor path of a temporary file (is_directory 0) or directory that does not
  * exist at the time of the call: prefix (may be null), a letter, the five
  * lowest decimal digits of the process id, ".", suffix (may be null), in the
  * temporary directory. Null when no such name is free (26 letters tried) or
- * a translation fails. Nothing is created. */
+ * a translation fails. Nothing is created.
+ *
+ * Hazard: the name is predictable (any local user can compute the 26
+ * candidates from the process id) and "free" only means that nothing,
+ * not even a dangling symbolic link's target, was found at it when it was
+ * tested. Another user can plant a link at the name between this call and
+ * the caller's create, so whoever then creates the name without O_EXCL
+ * creates the link's target instead. In a directory others may write to
+ * (such as /tmp), use QOR_create_temporary_object. */
 QOR_API char *QOR_temporary_object_name(const char *prefix, int is_directory,
                                         const char *suffix);
 QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
                                            int is_directory,
                                            const char *suffix);
+
+/* Creates a new temporary file (is_directory 0) or directory in the
+ * temporary directory, atomically and under an unpredictable name: prefix
+ * (may be null), 13 characters drawn from getrandom ("a" to "z", "2" to
+ * "7": 65 random bits), ".", suffix (may be null). A file is created with
+ * O_CREAT, O_EXCL and O_NOFOLLOW and permission bits 0600, a directory with
+ * mkdir and bits 0700, so nothing planted at the name is ever written
+ * through; a name that exists is drawn again (up to 100 names).
+ *
+ * On success returns 0 and sets *path to the object's qor path (basic
+ * space, freed with QOR_free) and *fd to an open descriptor of it: the
+ * file opened for reading and writing, or the directory opened read-only,
+ * both close-on-exec; the caller closes it. On failure returns the status,
+ * with the host error recorded (context 2101 for a file, 2102 for a
+ * directory; a full disc asks the disc-full handler first), and sets *path
+ * to null and *fd to -1. 2051 without a message when the temporary
+ * directory does not translate or path or fd is null; 2070 without a
+ * message when the prefix or suffix holds a "/" or would make the name
+ * anything but one new entry of the temporary directory (a prefix starting
+ * with "@", which the path grammar reads as a host path). */
+QOR_API int QOR_create_temporary_object(const char *prefix, int is_directory,
+                                        const char *suffix, char **path,
+                                        int *fd);
 
 /* ---- Locating files on the search path ---------------------------------
  * QOR_locate finds an existing file (type 0) or directory (type 1; any type

@@ -1,5 +1,6 @@
 /* libqor process services: the identity of the running process, running
- * programs of the object store and shell commands, and option parsing. */
+ * programs of the object store and shell commands, option parsing, font
+ * aliases and printing. */
 #ifndef QOR_PROCESS_H
 #define QOR_PROCESS_H
 
@@ -89,6 +90,53 @@ QOR_API extern char *QOR_optarg;
 
 /* The next option letter, '?' for a bad option, -1 when options are over. */
 QOR_API int QOR_getopt(int argc, char *const argv[], const char *optstring);
+
+/* ---- Font aliases ----------------------------------------------------------
+ * The alias file "fonts.alias" is found with QOR_locate as a plain file, on
+ * QOR_PATH and then in "_/etc", and read once per process into a table that
+ * is never freed. Until one reading gets to the end of the file (no file,
+ * not readable, a read error), every lookup looks for it again.
+ *
+ * Each line holds two fields, the alias and then the font name, separated
+ * by spaces or tabs. A field is bare (up to the next blank or the line's
+ * end) or in double quotes (the closing quote must be followed by a blank
+ * or the line's end); in both a backslash is dropped and keeps the next
+ * character, so "\ " is a space inside a bare field and "\"" a quote inside
+ * a quoted one. A line with fewer or more fields, an empty field or a bad
+ * quote is ignored: there is no comment syntax, a comment line is dropped
+ * only because it breaks these rules. The file is read in pieces of at most
+ * 511 characters, each taken as a line, and a field keeps its first 255
+ * characters. The first line of an alias wins.
+ *
+ * The table is a process-wide cache without a lock: one thread at a time. */
+
+/* The font name of the alias, or a copy of name itself when there is no such
+ * alias or no usable alias file (a null name gives ""). Never fails and
+ * prints nothing of its own: a missing or unreadable file is passed over
+ * silently (only an open that fails after those checks is recorded, by
+ * QOR_open_contents). The text belongs to the caller: free it with
+ * QOR_free. */
+QOR_API char *QOR_look_up_font(const char *name);
+
+/* ---- Printing ------------------------------------------------------------
+ * QOR_print sends the plain file at the qor path to the host's print spooler
+ * by running, through the shell (QOR_execute),
+ *     lp -s -c -d<printer> -n<copies> <OS path>
+ * (silent; the file copied at once, so the caller may change or remove it
+ * straight after; destination; number of copies).
+ *
+ * Shell hazard: nothing is quoted. A printer name or path holding a space,
+ * ";", "|", "$", a quote or any other shell syntax reaches the shell as it
+ * stands: "laser; rm x" runs a second command. Check names and paths that
+ * come from users before handing them over.
+ *
+ * Statuses: 2051, and nothing run, when the path does not translate; 2068
+ * when QOR_execute fails (a failing system() recorded with context 2131, or
+ * message 71 when the shell could not run at all). The spooler's own exit
+ * status is not examined: an lp that runs and fails, or a shell that cannot
+ * find lp (exit status 127), still gives 0. A null printer is an assertion
+ * failure. */
+QOR_API int QOR_print(const char *path, const char *printer, int copies);
 
 #ifdef __cplusplus
 }

@@ -9,5 +9,8 @@
 #include "qor/objects.h"
 #include "qor/files.h"
 #include "qor/process.h"
+/* The functions of libqor_msg (link with -lqor_msg, or pkg-config qor_msg,
+ * to call them); declaring them costs a program that does not nothing. */
+#include "qor/catalog.h"
 
 #endif /* QOR_QOR_H */

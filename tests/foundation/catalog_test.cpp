@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 #include <qor/catalog.h>
+#include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +21,7 @@
 
 namespace {
 
+using qor_test::ChildResult;
 using qor_test::run_in_child;
 using qor_test::StderrCapture;
 using qor_test::TempDir;
@@ -591,14 +594,88 @@ TEST(CatalogueInstall, NlspathIsHonoured) {
     EXPECT_EQ(r.err, "qor: error 2052: nothing at \"/p\" (nlspath)\n");
 }
 
-TEST(CatalogueInstall, WithoutNlspathTheInstalledCatalogueIsTried) {
-    TempDir empty;
-    auto r = run_in_child([&] {
-        setenv("NLSPATH", (empty.path() + "/%N.cat").c_str(), 1);
-        _exit(QOR_catalog_install(nullptr) == 0 ? 0 : 1);
+// In a child: QOR_CATALOG set to `chosen`, NLSPATH to <dir>/%N.cat, then
+// QOR_catalog_install(NULL); prints message 116's text, or the status.
+ChildResult install_from_environment(const std::string &chosen,
+                                     const TempDir &dir) {
+    return run_in_child([&] {
+        setenv("QOR_CATALOG", chosen.c_str(), 1);
+        setenv("NLSPATH", (dir.path() + "/%N.cat").c_str(), 1);
+        const int status = QOR_catalog_install(nullptr);
+        if (status != 0) {
+            printf("%d\n", status);
+        } else {
+            printf("%s\n", text(116).c_str());
+        }
     });
-    const bool installed = access(QOR_INSTALLED_CATALOGUE, R_OK) == 0;
-    EXPECT_EQ(r.exit_status, installed ? 0 : 1);
+}
+
+// QOR_CATALOG, when set and not empty, names the one file used, before
+// NLSPATH; a file that cannot be opened is a failure, not a fallback.
+TEST(CatalogueInstall, QorCatalogChoosesTheFile) {
+    TempDir dir;
+    make_catalogue(dir, "mine.cat", "$set 1\n116 open (chosen)\n");
+    make_catalogue(dir, "qor.cat", "$set 1\n116 open (nlspath)\n");
+    const struct {
+        std::string chosen;
+        std::string out;
+    } rows[] = {
+        {dir / "mine.cat", "open (chosen)\n"},
+        {dir / "missing.cat", "10009\n"},
+        {"", "open (nlspath)\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE("QOR_CATALOG=" + row.chosen);
+        const ChildResult r = install_from_environment(row.chosen, dir);
+        EXPECT_EQ(r.exit_status, 0);
+        EXPECT_EQ(r.out, row.out);
+    }
+}
+
+// A copy of libqor_msg placed in <root>/lib, loaded from there, with or
+// without a catalogue where an install puts it relative to the library.
+ChildResult install_from_moved_library(bool with_catalogue) {
+    TempDir root;
+    const std::string lib = root.path() + "/lib";
+    EXPECT_EQ(mkdir(lib.c_str(), 0755), 0);
+    const std::string copy = lib + "/libqor_msg.so.1";
+    EXPECT_EQ(system(("cp " + std::string(QOR_MSG_LIBRARY) + " " + copy).c_str()),
+              0);
+    if (with_catalogue) {
+        const std::string name = std::string("lib/") + QOR_CATALOGUE_FROM_LIBDIR;
+        const std::string folder = root / name.substr(0, name.rfind('/'));
+        EXPECT_EQ(system(("mkdir -p " + folder).c_str()), 0);
+        make_catalogue(root, name, "$set 1\n116 open (beside the library)\n");
+    }
+    TempDir empty;
+    return run_in_child([&] {
+        unsetenv("QOR_CATALOG");
+        setenv("NLSPATH", (empty.path() + "/%N.cat").c_str(), 1);
+        void *handle = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) _exit(20);
+        auto install = reinterpret_cast<int (*)(const char *)>(
+            dlsym(handle, "QOR_catalog_install"));
+        if (install == nullptr) _exit(21);
+        const int status = install(nullptr);
+        if (status != 0) {
+            printf("%d\n", status);
+            fflush(stdout);
+            _exit(1);
+        }
+        printf("%s\n", text(116).c_str());
+    });
+}
+
+TEST(CatalogueInstall, InstalledCatalogueIsFoundBesideTheLibrary) {
+    const ChildResult r = install_from_moved_library(true);
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(r.out, "open (beside the library)\n");
+}
+
+TEST(CatalogueInstall, NoCatalogueAnywhereIsAFailure) {
+    const ChildResult r = install_from_moved_library(false);
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_EQ(r.out, "10009\n");
 }
 
 void count_output(void *, void *client, void *call) {

@@ -1,17 +1,20 @@
 #!/bin/sh
-# Runs the fuzz targets for a bounded time: run.sh [SECONDS] [BUILD_DIR]
-# SECONDS (60 by default) is the budget of the whole run, shared evenly by
-# the targets. Builds them first (clang, ASan and UBSan), or brings
-# BUILD_DIR up to date. New inputs go to a scratch corpus; the seeds in the
-# repository are only read.
+# Runs every fuzz target for a bounded time: run.sh [SECONDS] [BUILD_DIR]
+# SECONDS (default 60) is the whole budget, shared out equally between the
+# targets (tests/fuzz/fuzz_*.cpp). Builds them first (clang, ASan and
+# UBSan), or brings BUILD_DIR up to date. Each target reads the seeds of its
+# corpus (corpus/ for fuzz_paths, corpus_X/ for fuzz_X) and writes new
+# inputs to a scratch corpus only. Any crash, leak, violated check or hang
+# (-timeout) fails the run.
 set -eu
 seconds=${1:-60}
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 build=${2:-$src/build-fuzz}
-# Each target and its seed corpus.
-targets="fuzz_paths:corpus fuzz_locate:corpus_locate"
-count=$(echo $targets | wc -w)
+mkdir -p "$build"
+build=$(cd "$build" && pwd)  # the targets run from a scratch directory
+targets=$(cd "$here" && ls fuzz_*.cpp | sed 's/\.cpp$//')
+count=$(echo "$targets" | wc -w)
 each=$((seconds / count))
 [ "$each" -ge 1 ] || each=1
 if [ ! -f "$build/CMakeCache.txt" ]; then
@@ -23,10 +26,8 @@ fi
 # The build's own output is kept for a failure: ninja prints compiler errors
 # on standard output.
 log=$(mktemp)
-names=""
-for t in $targets; do names="$names ${t%%:*}"; done
 # shellcheck disable=SC2086
-if ! cmake --build "$build" --target $names >"$log" 2>&1; then
+if ! cmake --build "$build" --target $targets >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     echo "run.sh: building the fuzz targets failed" >&2
@@ -35,12 +36,15 @@ fi
 rm -f "$log"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT INT TERM
+cd "$scratch"
 for t in $targets; do
-    name=${t%%:*}
-    mkdir "$scratch/$name"
-    cd "$scratch/$name"
-    echo "run.sh: $name for $each seconds"
-    "$build/tests/fuzz/$name" -max_total_time="$each" -max_len=6000 \
+    case $t in
+        fuzz_paths) seeds=$here/corpus ;;
+        *) seeds=$here/corpus_${t#fuzz_} ;;
+    esac
+    mkdir -p "$scratch/$t"
+    echo "run.sh: $t for ${each}s"
+    "$build/tests/fuzz/$t" -max_total_time="$each" -max_len=6000 \
         -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-        "$scratch/$name" "$here/${t#*:}"
+        "$scratch/$t" "$seeds"
 done

@@ -360,10 +360,12 @@ TEST_F(Access, SettingKindZeroRecordsEinval) {
 }
 
 // Which of the files had the bit when the n-th chmod failed.
-std::string after_failing_chmod(const std::string &dir, int n, int32_t grant,
-                                mode_t bit) {
+// The object's directory is changed with chmod, its members through a
+// checked descriptor with fchmod: fn says which of the two fails.
+std::string after_failing_chmod(const std::string &dir, qor_fault_fn fn,
+                                int n, int32_t grant, mode_t bit) {
     qor_fault_reset();
-    qor_fault_fail(QF_chmod, EPERM, n, 1);
+    qor_fault_fail(fn, EPERM, n, 1);
     MessageLog log;
     const int s = QOR_set_accessibility(("@" + dir).c_str(), 4, 1, 2, grant);
     std::string seen = std::to_string(s) + ":";
@@ -382,12 +384,15 @@ TEST_F(Access, GrantOpensTheDirectoryFirstThenLockBodyIndex) {
     // The n-th chmod fails: the ones before it have been made.
     // (The failed file follows the status and the bits: nothing for the
     // directory itself.)
-    EXPECT_EQ(after_failing_chmod(d, 0, 1, 020), "2055:0000 ");
+    EXPECT_EQ(after_failing_chmod(d, QF_chmod, 0, 1, 020), "2055:0000 ");
     make_object(os("p"), 4);
     const std::string p = os("p");
-    EXPECT_EQ(after_failing_chmod(p, 1, 1, 020), "2055:1000 /.lock");
-    EXPECT_EQ(after_failing_chmod(p, 1, 1, 020), "2055:1100 /.body");
-    EXPECT_EQ(after_failing_chmod(p, 1, 1, 020), "2055:1110 /.index");
+    EXPECT_EQ(after_failing_chmod(p, QF_fchmod, 0, 1, 020),
+              "2055:1000 /.lock");
+    EXPECT_EQ(after_failing_chmod(p, QF_fchmod, 1, 1, 020),
+              "2055:1100 /.body");
+    EXPECT_EQ(after_failing_chmod(p, QF_fchmod, 1, 1, 020),
+              "2055:1110 /.index");
     qor_fault_reset();
     EXPECT_EQ(QOR_set_accessibility(("@" + p).c_str(), 4, 1, 2, 1), 0);
     EXPECT_EQ(mode_of(p + "/.index"), 0664u);
@@ -395,16 +400,20 @@ TEST_F(Access, GrantOpensTheDirectoryFirstThenLockBodyIndex) {
     qor_fault_reset();
     EXPECT_EQ(QOR_set_accessibility(("@" + p).c_str(), 4, 1, 2, 1), 0);
     EXPECT_EQ(qor_fault_calls(QF_chmod), 0);
+    EXPECT_EQ(qor_fault_calls(QF_fchmod), 0);
     EXPECT_EQ(qor_fault_calls(QF_stat), 4);
 }
 
 TEST_F(Access, RevokeClosesIndexBodyLockThenTheDirectory) {
     make_object(os("o"), 4, 0775, 0775);
     const std::string d = os("o");
-    EXPECT_EQ(after_failing_chmod(d, 0, 0, 020), "2055:1111 /.index");
-    EXPECT_EQ(after_failing_chmod(d, 1, 0, 020), "2055:1110 /.body");
-    EXPECT_EQ(after_failing_chmod(d, 1, 0, 020), "2055:1100 /.lock");
-    EXPECT_EQ(after_failing_chmod(d, 1, 0, 020), "2055:1000 ");
+    EXPECT_EQ(after_failing_chmod(d, QF_fchmod, 0, 0, 020),
+              "2055:1111 /.index");
+    EXPECT_EQ(after_failing_chmod(d, QF_fchmod, 1, 0, 020),
+              "2055:1110 /.body");
+    EXPECT_EQ(after_failing_chmod(d, QF_fchmod, 1, 0, 020),
+              "2055:1100 /.lock");
+    EXPECT_EQ(after_failing_chmod(d, QF_chmod, 0, 0, 020), "2055:1000 ");
     qor_fault_reset();
     EXPECT_EQ(QOR_set_accessibility(("@" + d).c_str(), 4, 1, 2, 0), 0);
     for (const char *f : {"", "/.lock", "/.body", "/.index"}) {

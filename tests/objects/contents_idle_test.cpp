@@ -410,7 +410,7 @@ TEST_F(IdleBlocks, NegativeLengthJumpsToAnArmedHandlerWithStatus1) {
     QOR_contents_record *rec = open_body();
     MessageLog log;
     const int jumped = qor_test::catch_fatal([&] {
-        char buf[1];
+        char buf[1] = {0};
         QOR_write_idle_block(rec, 0, buf, -5);
     });
     EXPECT_EQ(jumped, 1);

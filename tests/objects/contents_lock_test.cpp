@@ -224,15 +224,40 @@ TEST_F(ContentsLock, UnlockingLetsAnotherProcessIn) {
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
+TEST_F(ContentsLock, InterruptedUnlockIsMadeAgain) {
+    QOR_contents_record *rec = open_f(0x04, 3);
+    MessageLog log;
+    qor_fault_reset();
+    qor_fault_fail(QF_fcntl, EINTR, 0, 100);
+    EXPECT_EQ(QOR_unlock_contents(rec), 0);
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
+    EXPECT_EQ(rec->lock_mode, 0u);
+    EXPECT_TRUE(log.messages.empty());
+    EXPECT_EQ(other_process_opens(0x04, 3), 0);
+    EXPECT_EQ(QOR_close_contents(rec), 0);
+}
+
+TEST_F(ContentsLock, UnlockInterruptedEveryTimeIsRecordedOnce) {
+    QOR_contents_record *rec = open_f(0x04, 3);
+    MessageLog log;
+    qor_fault_reset();
+    qor_fault_fail(QF_fcntl, EINTR, 0, 101);
+    EXPECT_EQ(QOR_unlock_contents(rec), QOR_E_INTERRUPTED);
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
+    EXPECT_EQ(rec->lock_mode, 3u);
+    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_UNLOCK_CONTENTS, EINTR);
+    EXPECT_EQ(QOR_close_contents(rec), 0);
+}
+
 TEST_F(ContentsLock, FailingUnlockIsRecordedOnceAndNotMadeAgain) {
     QOR_contents_record *rec = open_f(0x04, 3);
     MessageLog log;
     qor_fault_reset();
-    qor_fault_fail(QF_fcntl, EINTR, 0, 1);
-    EXPECT_EQ(QOR_unlock_contents(rec), QOR_E_INTERRUPTED);
+    qor_fault_fail(QF_fcntl, EIO, 0, 1);
+    EXPECT_EQ(QOR_unlock_contents(rec), 2056);
     EXPECT_EQ(qor_fault_calls(QF_fcntl), 1);
     EXPECT_EQ(rec->lock_mode, 3u);
-    EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_UNLOCK_CONTENTS, EINTR);
+    EXPECT_ONE_RECORDED(log, 2056, os("f"), QOR_CTX_UNLOCK_CONTENTS, EIO);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 

@@ -235,7 +235,8 @@ TEST_F(ContentsOpen, TruncateWithoutALockRequestTruncatesAtOnce) {
     ASSERT_EQ(open_file("f", 0x14, 0, &rec), 0);
     EXPECT_EQ(qor_test::read_file(os("f")), "");
     EXPECT_EQ(qor_fault_calls(QF_open), 1);   // no reopen
-    EXPECT_EQ(qor_fault_calls(QF_fcntl), 0);  // no lock
+    // One fcntl: the F_SETFL that takes O_NONBLOCK off again; no lock.
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 1);
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
 
@@ -278,8 +279,9 @@ TEST_F(ContentsOpen, RelockAfterTheReopenMayFindTheLockTaken) {
     qor_test::write_file(os("f"), "precious");
     MessageLog log;
     // First lock granted, the one after the reopen refused, as when another
-    // process slips in between: 2060, the file already emptied.
-    qor_fault_fail(QF_fcntl, EAGAIN, 1, 1);
+    // process slips in between: 2060, the file already emptied. (Each
+    // open takes O_NONBLOCK off again with one fcntl before the lock.)
+    qor_fault_fail(QF_fcntl, EAGAIN, 3, 1);
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x14, 3, &rec), QOR_E_LOCKED);
     EXPECT_EQ(qor_test::read_file(os("f")), "");
@@ -290,7 +292,7 @@ TEST_F(ContentsOpen, RelockAfterTheReopenMayFindTheLockTaken) {
 TEST_F(ContentsOpen, LockFailureOtherThanAConflictIsRecordedAndClosesTheRecord) {
     qor_test::write_file(os("f"), "abc");
     MessageLog log;
-    qor_fault_fail(QF_fcntl, ENOLCK, 0, 1);
+    qor_fault_fail(QF_fcntl, ENOLCK, 1, 1);  // after the F_SETFL of the open
     QOR_contents_record *rec = nullptr;
     EXPECT_EQ(open_file("f", 0x04, 3, &rec), QOR_E_RESOURCE);
     EXPECT_ONE_RECORDED(log, 2058, os("f"), QOR_CTX_LOCK_CONTENTS, ENOLCK);
@@ -301,7 +303,8 @@ TEST_F(ContentsOpen, ConflictFromEitherErrnoGives2060WithNoMessage) {
     qor_test::write_file(os("f"), "abc");
     MessageLog log;
     for (int err : {EAGAIN, EACCES}) {
-        qor_fault_fail(QF_fcntl, err, 0, 1);
+        qor_fault_reset();
+        qor_fault_fail(QF_fcntl, err, 1, 1);  // after the open's F_SETFL
         QOR_contents_record *rec = nullptr;
         EXPECT_EQ(open_file("f", 0x04, 1, &rec), QOR_E_LOCKED) << err;
     }
@@ -330,16 +333,17 @@ TEST_F(ContentsOpen, InterruptedLockIsMadeAgain101CallsInAll) {
     QOR_contents_record *rec = nullptr;
     for (unsigned request : {3u, 4u}) {
         qor_fault_reset();
-        qor_fault_fail(QF_fcntl, EINTR, 0, 100);
+        // The open's F_SETFL first, then the lock.
+        qor_fault_fail(QF_fcntl, EINTR, 1, 100);
         ASSERT_EQ(open_file("f", 0x04, request, &rec), 0);
-        EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
+        EXPECT_EQ(qor_fault_calls(QF_fcntl), 102);
         EXPECT_EQ(rec->lock_mode, 3u);
         EXPECT_EQ(QOR_close_contents(rec), 0);
     }
     qor_fault_reset();
-    qor_fault_fail(QF_fcntl, EINTR, 0, 101);
+    qor_fault_fail(QF_fcntl, EINTR, 1, 101);
     EXPECT_EQ(open_file("f", 0x04, 4, &rec), QOR_E_INTERRUPTED);
-    EXPECT_EQ(qor_fault_calls(QF_fcntl), 101);
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 102);
     EXPECT_ONE_RECORDED(log, 2063, os("f"), QOR_CTX_LOCK_CONTENTS, EINTR);
 }
 
@@ -358,7 +362,8 @@ TEST_F(ContentsOpen, FullDiscOnACreatingOpenAsksTheHandler) {
     QOR_contents_record *rec = nullptr;
     {
         qor_test::DiscFullHandler handler({0});
-        qor_fault_fail(QF_open, ENOSPC, 0, 1);
+        // The first open looks for an existing file; the second creates.
+        qor_fault_fail(QF_open, ENOSPC, 1, 1);
         ASSERT_EQ(open_file("f", 0x42, 0, &rec), 0);
         ASSERT_EQ(handler.calls.size(), 1u);
         EXPECT_EQ(handler.calls[0].os_error, ENOSPC);
@@ -369,7 +374,7 @@ TEST_F(ContentsOpen, FullDiscOnACreatingOpenAsksTheHandler) {
     {
         qor_test::DiscFullHandler handler({1});
         qor_fault_reset();
-        qor_fault_fail(QF_open, ENOSPC, 0, 1);
+        qor_fault_fail(QF_open, ENOSPC, 1, 1);
         EXPECT_EQ(open_file("g", 0x42, 0, &rec), QOR_E_RESOURCE);
         EXPECT_EQ(handler.calls.size(), 1u);
     }

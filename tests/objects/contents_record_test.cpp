@@ -195,7 +195,8 @@ TEST_F(ContentsRecord, TruncateKeepsADescriptorWithoutCloseOnExecSo) {
     ASSERT_EQ(fcntl(rec->fd, F_SETFD, 0), 0);
     qor_fault_reset();
     EXPECT_EQ(QOR_truncate_contents(rec), 0);
-    EXPECT_EQ(qor_fault_calls(QF_fcntl), 1);  // F_GETFD only
+    // The reopen's F_SETFL (O_NONBLOCK off), then F_GETFD only.
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 2);
     EXPECT_FALSE(close_on_exec(rec->fd));
     EXPECT_EQ(QOR_close_contents(rec), 0);
 }
@@ -220,7 +221,7 @@ TEST_F(ContentsRecord, TruncateOfAnUnlockedRecordPlacesNoLock) {
     qor_fault_reset();
     EXPECT_EQ(QOR_truncate_contents(rec), 0);
     EXPECT_EQ(rec->lock_mode, 0u);
-    EXPECT_EQ(qor_fault_calls(QF_fcntl), 2);  // F_GETFD, F_SETFD
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 3);  // F_SETFL, F_GETFD, F_SETFD
     EXPECT_EQ(Partner([&](Partner &) {
                   return conflicting_lock(os("f"), F_WRLCK);
               }).finish(),
@@ -269,9 +270,10 @@ TEST_F(ContentsRecord, TruncateFailuresAndThePathsTheyAreRecordedWith) {
         std::string path;
     } rows[] = {
         {QF_open, 0, EACCES, 2055, os("f")}, // the reopen
-        {QF_fcntl, 0, EBADF, 2059, ""},      // F_GETFD
+        {QF_fcntl, 0, EIO, 2056, os("f")},   // the reopen's F_SETFL
+        {QF_fcntl, 1, EBADF, 2059, ""},      // F_GETFD
         {QF_dup2, 0, EMFILE, 2058, os("f")},
-        {QF_fcntl, 1, EINVAL, 2070, ""},     // F_SETFD
+        {QF_fcntl, 2, EINVAL, 2070, ""},     // F_SETFD
     };
     for (const Row &r : rows) {
         qor_test::write_file(os("f"), "0123456789");
@@ -297,7 +299,7 @@ TEST_F(ContentsRecord, TruncateRelockMayFindTheLockTaken) {
     QOR_contents_record *rec = open_f(0x04, 3);
     MessageLog log;
     qor_fault_reset();
-    qor_fault_fail(QF_fcntl, EAGAIN, 2, 1);  // after F_GETFD and F_SETFD
+    qor_fault_fail(QF_fcntl, EAGAIN, 3, 1);  // after F_SETFL, F_GETFD, F_SETFD
     EXPECT_EQ(QOR_truncate_contents(rec), QOR_E_LOCKED);
     EXPECT_TRUE(log.messages.empty());
     EXPECT_EQ(QOR_close_contents(rec), 0);

@@ -175,14 +175,38 @@ TEST_F(Create, FailureAtEachMemberLeavesNothingBehind) {
             qor_fault_fail(QF_open, EIO, 0, 1);
             EXPECT_EQ(create(qor(name), type), QOR_E_IO) << name;
             EXPECT_FALSE(qor_test::exists(os(name))) << name;
-            // The failed member and those made before were removed, in
-            // reverse order, then the directory; a missing one quietly.
-            EXPECT_EQ(qor_fault_calls(QF_unlink), failing + 1) << name;
+            // ".body" and ".lock" were removed, in that order, then the
+            // directory; a missing one quietly; ".index" never.
+            EXPECT_EQ(qor_fault_calls(QF_unlink), 2) << name;
             EXPECT_EQ(qor_fault_calls(QF_rmdir), 1) << name;
             ASSERT_EQ(log.messages.size(), 1u) << name;
             EXPECT_EQ(log.messages[0],
                       recorded(QOR_E_IO, os(name) + member, 2101, EIO));
         }
+    }
+}
+
+// The undo of a failing ".index" (here a name one byte over the host's
+// limit) removes ".body" and ".lock" and the directory, and records only
+// the failure that started it; the parent is empty afterwards. The same
+// for a failure at each of the other members.
+TEST_F(Create, UndoRecordsOneMessageAndEmptiesTheParentForEachMember) {
+    make_dir(os("parent"));
+    for (const char *member : {"/.lock", "/.body", "/.index"}) {
+        MessageLog log;
+        qor_fault_reset();
+        qor_fault_filter_path(QF_open, member);
+        qor_fault_fail(QF_open, ENAMETOOLONG, 0, 1);
+        qor_fault_filter_path(QF_unlink, nullptr);
+        EXPECT_EQ(create(qor("parent/o"), 4), QOR_E_RESOURCE) << member;
+        ASSERT_EQ(log.messages.size(), 1u) << member;
+        EXPECT_EQ(log.messages[0], recorded(QOR_E_RESOURCE,
+                                            os("parent/o") + member, 2101,
+                                            ENAMETOOLONG))
+            << member;
+        EXPECT_EQ(entries(os("parent")), Names{}) << member;
+        EXPECT_EQ(qor_fault_calls(QF_unlink), 2) << member;
+        EXPECT_EQ(qor_fault_calls(QF_rmdir), 1) << member;
     }
 }
 

@@ -426,8 +426,10 @@ TEST_F(Copy, TargetLockedElsewhereGives2060AndStaysIntact) {
 TEST_F(Copy, NewTargetLockedAtOnceIsRemovedAgain) {
     make_source("s", 0);
     MessageLog log;
-    // The source's shared lock passes, the target's exclusive one fails.
-    qor_fault_fail(QF_fcntl, ENOLCK, 1, 1);
+    // The source's shared lock passes, the target's exclusive one fails
+    // (the source's open takes O_NONBLOCK off with one F_SETFL before its
+    // lock; the new target, created exclusively, needs none).
+    qor_fault_fail(QF_fcntl, ENOLCK, 2, 1);
     EXPECT_EQ(copy("s", 0, "t"), QOR_E_RESOURCE);
     EXPECT_FALSE(qor_test::exists(os("t")));
     EXPECT_ONE_RECORDED(log, 2058, os("t"), QOR_CTX_LOCK_CONTENTS, ENOLCK);
@@ -475,7 +477,8 @@ TEST_F(Copy, WithoutLockOnCopyNothingIsLocked) {
     MessageLog log;
     qor_fault_reset();
     EXPECT_EQ(copy("s", 4, "t"), QOR_E_TARGET_EXISTS);
-    EXPECT_EQ(qor_fault_calls(QF_fcntl), 0);
+    // Only the F_SETFL of each of the four opens: no lock.
+    EXPECT_EQ(qor_fault_calls(QF_fcntl), 4);
     EXPECT_EQ(qor_test::read_file(os("t/.body")), "body of s");
     EXPECT_EQ(qor_test::read_file(os("t/.index")), "index of s");
     EXPECT_TRUE(log.messages.empty());

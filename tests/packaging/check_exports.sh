@@ -1,8 +1,19 @@
 #!/bin/sh
 # Every symbol a shared library of ours defines for others starts with QOR_,
 # and the library needs nothing but libc (and the dynamic loader).
+# A static library (*.a) is held to the same rule for the names it defines.
 status=0
 for lib in "$@"; do
+    case "$lib" in *.a)
+        bad=$(nm -g --defined-only "$lib" | awk 'NF == 3 {print $3}' \
+              | grep -v '^QOR_' || true)
+        if [ -n "$bad" ]; then
+            echo "$lib defines names without the QOR_ prefix:"; echo "$bad"
+            status=1
+        fi
+        echo "$lib: $(nm -g --defined-only "$lib" | grep -c ' QOR_') QOR_ symbols"
+        continue ;;
+    esac
     bad=$(nm -D --defined-only "$lib" | awk '{print $NF}' | sed 's/@.*//' \
           | grep -v '^QOR_' || true)
     if [ -n "$bad" ]; then

@@ -55,20 +55,25 @@ TEST_F(Command, PathReportsUntranslatable) {
     const auto r = qor({"path", "a/b", "/x", "/.."});
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.out, "/x\n");
-    EXPECT_EQ(r.err, "qor path: \"a/b\" does not translate\n"
-                     "qor path: \"/..\" does not translate\n");
+    EXPECT_EQ(r.err, "qor path: cannot translate: a/b: the qor path does not "
+                     "translate to a host path\n"
+                     "qor path: cannot translate: /..: the qor path does not "
+                     "translate to a host path\n");
 }
 
 TEST_F(Command, PathUsage) {
     auto r = qor({"path"});
     EXPECT_EQ(r.exit_status, 2);
-    EXPECT_EQ(r.err,
-              "usage: qor path [-a] [--absolute|--to-os|--to-qor] PATH...\n");
+    EXPECT_EQ(r.err, "qor path: missing operand\n"
+                     "usage: qor path [OPTION]... PATH...\n"
+                     "   or: qor path -a [OPTION]... [PATH]...\n"
+                     "Try 'qor path --help' for more information.\n");
     r = qor({"path", "--bogus", "x"});
     EXPECT_EQ(r.exit_status, 2);
-    EXPECT_EQ(r.err, "qor path: unknown option \"--bogus\"\n"
-                     "usage: qor path [-a] [--absolute|--to-os|--to-qor] "
-                     "PATH...\n");
+    EXPECT_EQ(r.err, "qor path: unknown option '--bogus'\n"
+                     "usage: qor path [OPTION]... PATH...\n"
+                     "   or: qor path -a [OPTION]... [PATH]...\n"
+                     "Try 'qor path --help' for more information.\n");
 }
 
 TEST_F(Command, PathDoubleDashEndsOptions) {
@@ -100,10 +105,13 @@ TEST_F(Command, TmpnameFailure) {
     setenv("QOR_TMP", "/..", 1);
     auto r = qor({"tmpname"});
     EXPECT_EQ(r.exit_status, 1);
-    EXPECT_EQ(r.err, "qor tmpname: no free temporary name\n");
+    EXPECT_EQ(r.err, "qor tmpname: cannot propose a name: temporary "
+                     "directory: no free temporary name\n");
     r = qor({"tmpname", "a", "b", "c"});
     EXPECT_EQ(r.exit_status, 2);
-    EXPECT_EQ(r.err, "usage: qor tmpname [-d] [PREFIX [SUFFIX]]\n");
+    EXPECT_EQ(r.err, "qor tmpname: extra operand 'c'\n"
+                     "usage: qor tmpname [-d] [PREFIX [SUFFIX]]\n"
+                     "Try 'qor tmpname --help' for more information.\n");
 }
 
 TEST_F(Command, TourShowsAnchorsAtWork) {

@@ -1,5 +1,8 @@
 /* Interposed libc calls for fault injection; see fault.h. */
 #define _GNU_SOURCE 1
+/* This file defines the plain libc names; the checked inline wrappers a
+ * fortified build would put in front of them are not wanted here. */
+#undef _FORTIFY_SOURCE
 #include "fault.h"
 
 #include <dirent.h>
@@ -11,6 +14,7 @@
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdio_ext.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -86,6 +90,31 @@ static int decide(qor_fault_fn fn, const char *path) {
     return p->max_bytes >= 0 ? 2 : 1;
 }
 
+/* Mutating calls: counted, shown to the hook, and the crash point. */
+static qor_fault_mutation_hook mutation_hook;
+static long mutation_count;
+static long mutation_exit_after;
+static int mutation_exit_status;
+
+void qor_fault_on_mutation(qor_fault_mutation_hook hook) { mutation_hook = hook; }
+void qor_fault_exit_after_mutations(long n, int status) {
+    mutation_exit_after = n;
+    mutation_exit_status = status;
+    mutation_count = 0;
+}
+long qor_fault_mutations(void) { return mutation_count; }
+
+static void mutation(qor_fault_fn fn, const char *path, int fd, int flags) {
+    if (mutation_exit_after > 0 && mutation_count >= mutation_exit_after)
+        _exit(mutation_exit_status);
+    mutation_count++;
+    if (mutation_hook != NULL) mutation_hook(fn, path, fd, flags);
+}
+static int open_mutates(int flags) {
+    return (flags & (O_CREAT | O_TRUNC)) != 0 || (flags & O_ACCMODE) != O_RDONLY;
+}
+static int stream_pending(FILE *f) { return f != NULL && __fpending(f) > 0; }
+
 void qor_fault_fail(qor_fault_fn fn, int err, int skip, int count) {
     plans[fn].err = err;
     plans[fn].skip = skip;
@@ -121,6 +150,8 @@ void qor_fault_reset(void) {
         plans[i].has_result = 0;
         plans[i].filter[0] = '\0';
     }
+    mutation_hook = NULL;
+    mutation_count = mutation_exit_after = 0;
 }
 long qor_fault_calls(qor_fault_fn fn) { return plans[fn].calls; }
 long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
@@ -142,6 +173,20 @@ long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
         return ((real_t)real(QF_##fn)) args;                    \
     }
 #define FD_CALL(fn, ret, params, args) PATH_CALL(fn, ret, params, args, NULL)
+#define MUTATING_PATH_CALL(fn, ret, params, args, path)         \
+    ret fn params {                                             \
+        typedef ret (*real_t) params;                           \
+        if (decide(QF_##fn, path) == 1) FAIL_WITH(fn, (ret)-1); \
+        mutation(QF_##fn, path, -1, 0);                         \
+        return ((real_t)real(QF_##fn)) args;                    \
+    }
+#define MUTATING_FD_CALL(fn, ret, params, args)                 \
+    ret fn params {                                             \
+        typedef ret (*real_t) params;                           \
+        if (decide(QF_##fn, NULL) == 1) FAIL_WITH(fn, (ret)-1); \
+        mutation(QF_##fn, NULL, fd, 0);                         \
+        return ((real_t)real(QF_##fn)) args;                    \
+    }
 
 static mode_t mode_arg(int flags, va_list ap) {
     return (flags & (O_CREAT | O_TMPFILE)) ? (mode_t)va_arg(ap, int) : 0;
@@ -153,6 +198,7 @@ int open(const char *path, int flags, ...) {
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
     if (decide(QF_open, path) == 1) FAIL_WITH(open, -1);
+    if (open_mutates(flags)) mutation(QF_open, path, -1, flags);
     return ((int (*)(const char *, int, ...))real(QF_open))(path, flags, mode);
 }
 int open64(const char *path, int flags, ...) {
@@ -161,6 +207,7 @@ int open64(const char *path, int flags, ...) {
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
     if (decide(QF_open64, path) == 1) FAIL_WITH(open64, -1);
+    if (open_mutates(flags)) mutation(QF_open64, path, -1, flags);
     return ((int (*)(const char *, int, ...))real(QF_open64))(path, flags, mode);
 }
 int openat(int dirfd, const char *path, int flags, ...) {
@@ -169,29 +216,31 @@ int openat(int dirfd, const char *path, int flags, ...) {
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
     if (decide(QF_openat, path) == 1) FAIL_WITH(openat, -1);
+    if (open_mutates(flags)) mutation(QF_openat, path, -1, flags);
     return ((int (*)(int, const char *, int, ...))real(QF_openat))(dirfd, path,
                                                                   flags, mode);
 }
 
 FD_CALL(close, int, (int fd), (fd))
 FD_CALL(lseek, off_t, (int fd, off_t off, int whence), (fd, off, whence))
-FD_CALL(fsync, int, (int fd), (fd))
-FD_CALL(ftruncate, int, (int fd, off_t len), (fd, len))
+MUTATING_FD_CALL(fsync, int, (int fd), (fd))
+MUTATING_FD_CALL(ftruncate, int, (int fd, off_t len), (fd, len))
 FD_CALL(dup, int, (int fd), (fd))
 FD_CALL(dup2, int, (int fd, int fd2), (fd, fd2))
 FD_CALL(fstat, int, (int fd, struct stat *st), (fd, st))
 FD_CALL(fchmod, int, (int fd, mode_t mode), (fd, mode))
+FD_CALL(fchown, int, (int fd, uid_t u, gid_t g), (fd, u, g))
 FD_CALL(getgroups, int, (int size, gid_t list[]), (size, list))
 PATH_CALL(stat, int, (const char *p, struct stat *st), (p, st), p)
 PATH_CALL(lstat, int, (const char *p, struct stat *st), (p, st), p)
 PATH_CALL(access, int, (const char *p, int mode), (p, mode), p)
 PATH_CALL(chmod, int, (const char *p, mode_t mode), (p, mode), p)
 PATH_CALL(chown, int, (const char *p, uid_t u, gid_t g), (p, u, g), p)
-PATH_CALL(mkdir, int, (const char *p, mode_t mode), (p, mode), p)
-PATH_CALL(rmdir, int, (const char *p), (p), p)
-PATH_CALL(unlink, int, (const char *p), (p), p)
-PATH_CALL(remove, int, (const char *p), (p), p)
-PATH_CALL(rename, int, (const char *a, const char *b), (a, b), a)
+MUTATING_PATH_CALL(mkdir, int, (const char *p, mode_t mode), (p, mode), p)
+MUTATING_PATH_CALL(rmdir, int, (const char *p), (p), p)
+MUTATING_PATH_CALL(unlink, int, (const char *p), (p), p)
+MUTATING_PATH_CALL(remove, int, (const char *p), (p), p)
+MUTATING_PATH_CALL(rename, int, (const char *a, const char *b), (a, b), a)
 PATH_CALL(readlink, ssize_t, (const char *p, char *buf, size_t n), (p, buf, n), p)
 PATH_CALL(symlink, int, (const char *a, const char *b), (a, b), b)
 PATH_CALL(link, int, (const char *a, const char *b), (a, b), b)
@@ -209,8 +258,10 @@ PATH_CALL(utime, int, (const char *p, const struct utimbuf *t), (p, t), p)
                 break;                                                   \
             default: break;                                              \
         }                                                                \
+        if (MUTATES_##fn) mutation(QF_##fn, NULL, fd, 0);                \
         return ((real_t)real(QF_##fn)) args;                             \
     }
+enum { MUTATES_read = 0, MUTATES_write = 1, MUTATES_pread = 0, MUTATES_pwrite = 1 };
 TRANSFER_CALL(read, (int fd, void *buf, size_t n), (fd, buf, n), n)
 TRANSFER_CALL(write, (int fd, const void *buf, size_t n), (fd, buf, n), n)
 TRANSFER_CALL(pread, (int fd, void *buf, size_t n, off_t off), (fd, buf, n, off), n)
@@ -242,17 +293,36 @@ FILE *fdopen(int fd, const char *mode) {
     if (decide(QF_fdopen, NULL) == 1) FAIL_WITH(fdopen, NULL);
     return ((FILE * (*)(int, const char *)) real(QF_fdopen))(fd, mode);
 }
-FD_CALL(fclose, int, (FILE * f), (f))
+int fclose(FILE *f) {
+    if (decide(QF_fclose, NULL) == 1) FAIL_WITH(fclose, -1);
+    if (stream_pending(f)) mutation(QF_fclose, NULL, fileno(f), 0);
+    return ((int (*)(FILE *))real(QF_fclose))(f);
+}
 int fflush(FILE *f) {
     if (decide(QF_fflush, NULL) == 1) FAIL_WITH(fflush, EOF);
+    if (stream_pending(f)) mutation(QF_fflush, NULL, fileno(f), 0);
     return ((int (*)(FILE *))real(QF_fflush))(f);
 }
+/* A failing fgets sets the stream's error indicator, as a failed read
+ * does (a write to the read-only stream is the portable way to set it); a
+ * planned result answers null with errno set to the value and leaves both
+ * indicators alone. */
 char *fgets(char *s, int n, FILE *f) {
-    if (decide(QF_fgets, NULL) == 1) FAIL_WITH(fgets, NULL);
+    switch (decide(QF_fgets, NULL)) {
+        case 1:
+            (void)fputc(0, f);
+            FAIL_WITH(fgets, NULL);
+        case 3:
+            errno = (int)plans[QF_fgets].result;
+            return NULL;
+        default:
+            break;
+    }
     return ((char *(*)(char *, int, FILE *))real(QF_fgets))(s, n, f);
 }
 int fputs(const char *s, FILE *f) {
     if (decide(QF_fputs, NULL) == 1) FAIL_WITH(fputs, EOF);
+    mutation(QF_fputs, NULL, fileno(f), 0);
     return ((int (*)(const char *, FILE *))real(QF_fputs))(s, f);
 }
 FD_CALL(fseek, int, (FILE * f, long off, int whence), (f, off, whence))
@@ -278,6 +348,8 @@ char *strerror(int e) {
     if (fail) errno = plans[QF_strerror].err;
     return text;
 }
+
+MUTATING_FD_CALL(fdatasync, int, (int fd), (fd))
 
 /* The allocator: resolved lazily, with the bootstrap area for dlsym's own
  * needs while that happens. */
@@ -307,6 +379,55 @@ void free(void *p) {
         resolving--;
     }
     real_free(p);
+}
+
+/* Distributions build with _FORTIFY_SOURCE, which turns the library's calls
+ * into checked entry points (__open_2, __read_chk, ...) whenever the
+ * compiler knows a buffer's size or sees an open without a mode. Each one
+ * here does libc's check and then goes through the plain interposed call, so
+ * the same plan counts and fails it whichever entry the library took. */
+static void buffer_overflow(void) {
+    static const char text[] = "*** buffer overflow detected ***: terminated\n";
+    ssize_t ignored = ((ssize_t(*)(int, const void *, size_t))real(QF_write))(
+        2, text, sizeof text - 1);
+    (void)ignored;
+    abort();
+}
+int __open_2(const char *path, int flags) { return open(path, flags); }
+int __open64_2(const char *path, int flags) { return open64(path, flags); }
+int __openat_2(int dirfd, const char *path, int flags) {
+    return openat(dirfd, path, flags);
+}
+int __openat64_2(int dirfd, const char *path, int flags) {
+    return openat(dirfd, path, flags);
+}
+ssize_t __read_chk(int fd, void *buf, size_t n, size_t room) {
+    if (n > room) buffer_overflow();
+    return read(fd, buf, n);
+}
+ssize_t __pread_chk(int fd, void *buf, size_t n, off_t off, size_t room) {
+    if (n > room) buffer_overflow();
+    return pread(fd, buf, n, off);
+}
+ssize_t __pread64_chk(int fd, void *buf, size_t n, off_t off, size_t room) {
+    if (n > room) buffer_overflow();
+    return pread(fd, buf, n, off);
+}
+char *__fgets_chk(char *s, size_t room, int n, FILE *f) {
+    if ((size_t)n > room) buffer_overflow();
+    return fgets(s, n, f);
+}
+ssize_t __readlink_chk(const char *p, char *buf, size_t n, size_t room) {
+    if (n > room) buffer_overflow();
+    return readlink(p, buf, n);
+}
+char *__getcwd_chk(char *buf, size_t n, size_t room) {
+    if (n > room) buffer_overflow();
+    return getcwd(buf, n);
+}
+int __getgroups_chk(int size, gid_t list[], size_t room) {
+    if (size > 0 && (size_t)size * sizeof(gid_t) > room) buffer_overflow();
+    return getgroups(size, list);
 }
 
 char *getlogin(void) {

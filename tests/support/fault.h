@@ -19,7 +19,7 @@ extern "C" {
     X(fdopen) X(fclose) X(fflush) X(fgets) X(fputs) X(fseek) X(getpwuid) \
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
     X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
-    X(getlogin) X(uname) X(fork) X(execv) X(wait)
+    X(fdatasync) X(fchown) X(getlogin) X(uname) X(fork) X(execv) X(wait)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
@@ -38,7 +38,8 @@ void qor_fault_short(qor_fault_fn fn, long max_bytes, int skip, int count);
  * read/write/pread/pwrite): after `skip` calls, the next `count` calls
  * return value without being made, errno untouched. For results the host
  * gives only rarely (a raw 127 from system, a fork that "returns" in a
- * child, ...). */
+ * child, ...). fgets answers null with errno set to value, the stream's
+ * indicators untouched (a failing fgets sets the error indicator). */
 void qor_fault_result(qor_fault_fn fn, long value, int skip, int count);
 /* Only calls whose path argument contains text are affected (and counted as
  * matching); null removes the filter. */
@@ -50,6 +51,22 @@ void qor_fault_reset(void);
 long qor_fault_calls(qor_fault_fn fn);
 /* Calls of fn that were made to fail or shortened since the last reset. */
 long qor_fault_injected(qor_fault_fn fn);
+
+/* Mutating host calls: open with O_CREAT, O_TRUNC, O_WRONLY or O_RDWR;
+ * write, pwrite, ftruncate, fsync, fdatasync, unlink, remove, rename,
+ * mkdir, rmdir; fputs; fflush and fclose of a stream with output pending.
+ * Each one is counted and shown to the hook (when set) before it is made:
+ * path is the name for the path calls, null otherwise; fd the descriptor
+ * (or the stream's) for the descriptor calls, -1 otherwise; flags the open
+ * flags. */
+typedef void (*qor_fault_mutation_hook)(qor_fault_fn fn, const char *path,
+                                        int fd, int flags);
+void qor_fault_on_mutation(qor_fault_mutation_hook hook);
+/* The process ends with _exit(status) right after its n-th mutating call
+ * (counted from now), before the next one is made; n 0 disarms. */
+void qor_fault_exit_after_mutations(long n, int status);
+/* Mutating calls seen since the last reset or arming. */
+long qor_fault_mutations(void);
 
 #ifdef __cplusplus
 }

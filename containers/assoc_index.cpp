@@ -1,0 +1,444 @@
+// The private index beside the chains of ASSOC tables of the library's own
+// key types; see assoc_index.h for what it answers and why.
+
+#include "containers/assoc_index.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "foundation/internal.h"
+#include "foundation/probe_table.h"
+
+namespace qor::containers {
+
+namespace {
+
+using qor::address_hash;
+using qor::mix;
+using qor::Probe;
+using qor::zeroed;
+
+constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
+
+// An entry of a key held by several entries: its neighbours among them.
+// link[0] leads towards the group's end[0], link[1] towards end[1]. Keys
+// held by one entry (the usual case) have no such record.
+struct DupNode {
+    Entry *entry;
+    Entry *link[2];
+    bool empty() const { return entry == nullptr; }
+    uint64_t home() const { return address_hash(entry); }
+};
+
+// An entry's predecessor in its chain (null at the head). Kept only once a
+// removal has asked for one, and dropped by a growth, which makes every
+// chain anew: tables that are only filled and searched never pay for it.
+struct PrevNode {
+    Entry *entry;
+    Entry *chain_prev;
+    bool empty() const { return entry == nullptr; }
+    uint64_t home() const { return address_hash(entry); }
+};
+
+// Per distinct key: both ends of its list of entries (the same entry when
+// it has one) and a tag: 30 bits of the key's strong hash with a marker bit
+// (0 is an empty slot), and below them the parity of the table's growth
+// count the list was started under. The chain runs from end[p] to
+// end[1 - p], p being that parity against the table's current one.
+//
+// Tags and ends are kept in two arrays: probing reads the tags only, four
+// bytes a slot, which keeps a large table's probes within fewer pages.
+struct GroupEnds {
+    Entry *end[2];
+};
+
+inline uint32_t tag_bits(uint64_t strong) {
+    return static_cast<uint32_t>(strong >> 34) | 0x40000000u;
+}
+
+struct GroupTable {
+    uint32_t *tags = nullptr;
+    GroupEnds *ends = nullptr;
+    uint64_t mask = 0;
+    uint64_t live = 0;
+
+    static uint64_t home(uint32_t tag) { return mix(tag >> 1); }
+
+    void release() {
+        free(tags);
+        free(ends);
+        tags = nullptr;
+        ends = nullptr;
+        mask = 0;
+        live = 0;
+    }
+
+    void reset() {
+        if (tags != nullptr) memset(tags, 0, (mask + 1) * sizeof(uint32_t));
+        live = 0;
+    }
+
+    void reserve_one() {
+        if (tags != nullptr && (live + 1) * 4 <= (mask + 1) * 3) return;
+        const uint64_t old_size = tags != nullptr ? mask + 1 : 0;
+        const uint64_t size = old_size != 0 ? old_size * 2 : 64;
+        uint32_t *old_tags = tags;
+        GroupEnds *old_ends = ends;
+        tags = static_cast<uint32_t *>(zeroed(size, sizeof(uint32_t)));
+        ends = static_cast<GroupEnds *>(malloc(size * sizeof(GroupEnds)));
+        if (ends == nullptr) qor::out_of_memory();
+        mask = size - 1;
+        for (uint64_t i = 0; i < old_size; ++i) {
+            if (old_tags[i] == 0) continue;
+            uint64_t j = home(old_tags[i]) & mask;
+            while (tags[j] != 0) j = (j + 1) & mask;
+            tags[j] = old_tags[i];
+            ends[j] = old_ends[i];
+        }
+        free(old_tags);
+        free(old_ends);
+    }
+
+    GroupEnds *place(uint32_t tag) {
+        uint64_t j = home(tag) & mask;
+        while (tags[j] != 0) j = (j + 1) & mask;
+        tags[j] = tag;
+        live += 1;
+        return &ends[j];
+    }
+
+    unsigned parity(const GroupEnds *g) const {
+        return tags[g - ends] & 1u;
+    }
+
+    void erase(GroupEnds *g) {
+        uint64_t i = static_cast<uint64_t>(g - ends);
+        uint64_t j = i;
+        for (;;) {
+            j = (j + 1) & mask;
+            if (tags[j] == 0) break;
+            const uint64_t k = home(tags[j]) & mask;
+            const bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
+            if (!stays) {
+                tags[i] = tags[j];
+                ends[i] = ends[j];
+                i = j;
+            }
+        }
+        tags[i] = 0;
+        live -= 1;
+    }
+};
+
+struct TableSlot {
+    const QOR_ASSOC_table *table;
+    AssocIndex *index;
+    bool empty() const { return table == nullptr; }
+    uint64_t home() const { return address_hash(table); }
+};
+
+}  // namespace
+
+struct AssocIndex {
+    bool strings;  // string entries (key at the string entry's place) or longs
+    bool prevs_valid;  // `prevs` holds every entry of the table
+    uint32_t growths;
+    GroupTable groups;
+    Probe<DupNode> dups;
+    Probe<PrevNode> prevs;
+};
+
+namespace {
+
+// Tables that have an index, and the last one asked about: most programs
+// work on one table at a time.
+constinit Probe<TableSlot> indexed_tables;
+constinit const QOR_ASSOC_table *last_table = nullptr;
+constinit AssocIndex *last_index = nullptr;
+
+inline const char *key_text(const Entry *e) {
+    return reinterpret_cast<const StringEntry *>(e)->key;
+}
+
+inline uint64_t long_strong(uint64_t key) { return mix(key ^ kMul); }
+
+// The string's chain hash: h = 4h + c over at most 14 middle bytes, as
+// QOR_ASSOC_string_hash, given the length.
+uint64_t middle_hash(const char *text, size_t n) {
+    const auto *m = reinterpret_cast<const unsigned char *>(text);
+    int32_t span = static_cast<int32_t>(n);
+    if (span > 14) {
+        m += (span - 14) / 2;
+        span = 14;
+    }
+    uint64_t h = 0;
+    for (int32_t i = 0; i < span; ++i) h = h * 4 + m[i];
+    return h;
+}
+
+// The strong hash of a string key, with its length kept for the chain hash
+// (a serial chain of 14 steps, worked out only when a new entry needs it).
+IndexedKey string_key(const char *text) {
+    const size_t n = strlen(text);
+    return {0, qor::bytes_hash(text, n), n, false};
+}
+
+inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
+    if (x->strings) {
+        return strcmp(key_text(e), static_cast<const char *>(key)) == 0;
+    }
+    return e->hash == static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
+}
+
+inline uint64_t strong_of_entry(const AssocIndex *x, const Entry *e) {
+    return x->strings ? string_key(key_text(e)).strong : long_strong(e->hash);
+}
+
+template <class Slot>
+Slot *slot_of(Probe<Slot> &table, const Entry *e) {
+    if (table.slots == nullptr) return nullptr;
+    const uint64_t mask = table.mask;
+    for (uint64_t j = address_hash(e) & mask;; j = (j + 1) & mask) {
+        Slot *n = &table.slots[j];
+        if (n->entry == e) return n;
+        if (n->empty()) return nullptr;
+    }
+}
+
+GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key) {
+    const GroupTable &t = x->groups;
+    if (t.tags == nullptr) return nullptr;
+    const uint32_t want = tag_bits(strong);
+    for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
+        const uint32_t tag = t.tags[j];
+        if (tag == 0) return nullptr;
+        if ((tag >> 1) == want && holds(x, t.ends[j].end[0], key)) {
+            return &t.ends[j];
+        }
+    }
+}
+
+inline const void *key_of(const AssocIndex *x, const Entry *e) {
+    return x->strings ? static_cast<const void *>(key_text(e))
+                      : reinterpret_cast<const void *>(e->hash);
+}
+
+GroupEnds *group_of_entry(AssocIndex *x, const Entry *e) {
+    return group_of(x, strong_of_entry(x, e), key_of(x, e));
+}
+
+// The group's side that is first in chain order now.
+inline unsigned front_side(const AssocIndex *x, const GroupEnds *g) {
+    return (x->growths ^ x->groups.parity(g)) & 1u;
+}
+
+DupNode *add_dup(AssocIndex *x, Entry *e) {
+    x->dups.reserve_one();
+    DupNode *n = x->dups.place(address_hash(e));
+    n->entry = e;
+    n->link[0] = nullptr;
+    n->link[1] = nullptr;
+    return n;
+}
+
+void add_prev(AssocIndex *x, Entry *e, Entry *chain_prev) {
+    x->prevs.reserve_one();
+    PrevNode *n = x->prevs.place(address_hash(e));
+    n->entry = e;
+    n->chain_prev = chain_prev;
+}
+
+// Every entry's chain predecessor, from the chains.
+void build_prevs(AssocIndex *x, QOR_ASSOC_table *t) {
+    x->prevs.reset();
+    for (uint64_t b = 0; b <= t->mask; ++b) {
+        Entry *prev = nullptr;
+        for (Entry *e = t->buckets[b]; e != nullptr; e = e->next) {
+            add_prev(x, e, prev);
+            prev = e;
+        }
+    }
+    x->prevs_valid = true;
+}
+
+}  // namespace
+
+AssocIndex *index_create(QOR_ASSOC_table *t) {
+    const QOR_ASSOC_key_type *kt = t->key_type;
+    const bool strings =
+        kt == QOR_ASSOC_string_key_type || kt == &atom_key_type;
+    if (!strings && kt != QOR_ASSOC_long_int_key_type) return nullptr;
+    auto *x = static_cast<AssocIndex *>(zeroed(1, sizeof(AssocIndex)));
+    x->strings = strings;
+    indexed_tables.reserve_one();
+    TableSlot *s = indexed_tables.place(address_hash(t));
+    s->table = t;
+    s->index = x;
+    last_table = t;
+    last_index = x;
+    return x;
+}
+
+AssocIndex *index_of(const QOR_ASSOC_table *t) {
+    if (t == last_table) return last_index;
+    if (indexed_tables.slots == nullptr) return nullptr;
+    const uint64_t mask = indexed_tables.mask;
+    for (uint64_t j = address_hash(t) & mask;; j = (j + 1) & mask) {
+        TableSlot *s = &indexed_tables.slots[j];
+        if (s->empty()) return nullptr;
+        if (s->table == t) {
+            last_table = t;
+            last_index = s->index;
+            return s->index;
+        }
+    }
+}
+
+void index_destroy(QOR_ASSOC_table *t) {
+    AssocIndex *x = index_of(t);
+    if (x == nullptr) return;
+    const uint64_t mask = indexed_tables.mask;
+    for (uint64_t j = address_hash(t) & mask;; j = (j + 1) & mask) {
+        if (indexed_tables.slots[j].table == t) {
+            indexed_tables.erase(&indexed_tables.slots[j]);
+            break;
+        }
+    }
+    last_table = nullptr;
+    last_index = nullptr;
+    x->groups.release();
+    x->dups.release();
+    x->prevs.release();
+    free(x);
+}
+
+IndexedKey index_key(const AssocIndex *x, const void *key) {
+    if (x->strings) return string_key(static_cast<const char *>(key));
+    const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
+    return {k, long_strong(k), 0, true};
+}
+
+uint64_t index_chain_hash(IndexedKey &k, const void *key) {
+    if (!k.hashed) {
+        k.hash = middle_hash(static_cast<const char *>(key), k.length);
+        k.hashed = true;
+    }
+    return k.hash;
+}
+
+Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
+    GroupEnds *g = group_of(x, k.strong, key);
+    return g != nullptr ? g->end[front_side(x, g)] : nullptr;
+}
+
+Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
+                        bool *walk) {
+    *walk = false;
+    if (holds(x, previous, key)) {
+        // The next entry of the same key in chain order: its group's next.
+        GroupEnds *g = group_of_entry(x, previous);
+        if (g == nullptr) {  // not an entry of this table
+            *walk = true;
+            return nullptr;
+        }
+        if (g->end[0] == g->end[1]) return nullptr;
+        DupNode *n = slot_of(x->dups, previous);
+        return n->link[1u - front_side(x, g)];
+    }
+    // A key other than the previous entry's. Only entries of the previous
+    // entry's hash qualify: none when the key hashes otherwise (for long
+    // keys the hash is the key). Otherwise the entries of the key that come
+    // after `previous` in its chain are wanted, which only the chain knows.
+    if (!x->strings) return nullptr;
+    const char *text = static_cast<const char *>(key);
+    if (middle_hash(text, strlen(text)) != previous->hash) {
+        return nullptr;
+    }
+    *walk = true;
+    return nullptr;
+}
+
+void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
+    // The chain: e is its new head; the old head now follows it.
+    if (x->prevs_valid) {
+        add_prev(x, e, nullptr);
+        if (e->next != nullptr) slot_of(x->prevs, e->next)->chain_prev = e;
+    }
+
+    // The group: e comes first in chain order among the entries of its key.
+    GroupEnds *g = group_of(x, k.strong, key_of(x, e));
+    if (g == nullptr) {
+        x->groups.reserve_one();
+        g = x->groups.place((tag_bits(k.strong) << 1) | (x->growths & 1u));
+        g->end[0] = e;
+        g->end[1] = e;
+        return;
+    }
+    const unsigned front = front_side(x, g);
+    Entry *old_front = g->end[front];
+    if (g->end[0] == g->end[1]) add_dup(x, old_front);
+    g->end[front] = e;  // before the dups table may move: g stays valid
+    DupNode *n = add_dup(x, e);
+    n->link[1u - front] = old_front;
+    slot_of(x->dups, old_front)->link[front] = e;
+}
+
+bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
+    GroupEnds *g = group_of_entry(x, e);
+    if (g == nullptr) return false;
+    if (!x->prevs_valid) build_prevs(x, t);
+    PrevNode *p = slot_of(x->prevs, e);
+    if (p == nullptr) return false;
+
+    // Out of the chain, through the back-link.
+    Entry *prev = p->chain_prev;
+    Entry *following = e->next;
+    if (prev == nullptr) {
+        t->buckets[e->hash & t->mask] = following;
+    } else {
+        prev->next = following;
+    }
+    if (following != nullptr) slot_of(x->prevs, following)->chain_prev = prev;
+    x->prevs.erase(p);
+
+    // Out of its group.
+    if (g->end[0] == g->end[1]) {
+        x->groups.erase(g);
+        return true;
+    }
+    DupNode *n = slot_of(x->dups, e);
+    Entry *toward0 = n->link[0];
+    Entry *toward1 = n->link[1];
+    x->dups.erase(n);
+    if (toward0 != nullptr) {
+        slot_of(x->dups, toward0)->link[1] = toward1;
+    } else {
+        g->end[0] = toward1;
+    }
+    if (toward1 != nullptr) {
+        slot_of(x->dups, toward1)->link[0] = toward0;
+    } else {
+        g->end[1] = toward0;
+    }
+    // One entry left: it needs no neighbours.
+    if (g->end[0] == g->end[1]) x->dups.erase(slot_of(x->dups, g->end[0]));
+    return true;
+}
+
+void index_regrown(AssocIndex *x, QOR_ASSOC_table *) {
+    // Every group now reads the other way round, and every chain is new:
+    // the predecessors are worked out again when a removal needs them.
+    x->growths += 1;
+    if (x->prevs_valid) {
+        x->prevs.release();
+        x->prevs_valid = false;
+    }
+}
+
+void index_cleared(AssocIndex *x) {
+    x->groups.reset();
+    x->dups.reset();
+    x->prevs.reset();
+}
+
+}  // namespace qor::containers
