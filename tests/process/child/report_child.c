@@ -5,11 +5,11 @@
  *   arg<i>=<argument i>          for every further argument
  *   hash=<QOR_HASH, or "(unset)">
  *   fds=<open descriptors, ascending, comma-separated>
- * and then does what its first argument says:
+ * and then does what its arguments say, in order:
+ *   await=PID   wait until process PID is gone (reaped), then go on
  *   exit=N      exit with status N
  *   signal=N    end through signal N
- *   await=PID   first wait until process PID is gone (reaped), then exit 0
- * With no argument, or any other, it exits with status 0. */
+ * Any other argument is passed over; at the end it exits with status 0. */
 #define _GNU_SOURCE 1
 #include <dirent.h>
 #include <sched.h>
@@ -53,19 +53,19 @@ int main(int argc, char **argv) {
     printf("hash=%s\n", hash != NULL ? hash : "(unset)");
     report_descriptors();
     fflush(stdout);
-    if (argc < 2) return 0;
-    if (strncmp(argv[1], "exit=", 5) == 0) return atoi(argv[1] + 5);
-    if (strncmp(argv[1], "signal=", 7) == 0) {
-        const int sig = atoi(argv[1] + 7);
-        signal(sig, SIG_DFL);
-        raise(sig);
-        return 120;
-    }
-    if (strncmp(argv[1], "await=", 6) == 0) {
-        const pid_t other = (pid_t)atoi(argv[1] + 6);
-        /* A zombie still answers kill(); only reaping makes it go. */
-        while (kill(other, 0) == 0) sched_yield();
-        return 0;
+    for (int i = 1; i < argc; i++) {
+        if (strncmp(argv[i], "exit=", 5) == 0) return atoi(argv[i] + 5);
+        if (strncmp(argv[i], "signal=", 7) == 0) {
+            const int sig = atoi(argv[i] + 7);
+            signal(sig, SIG_DFL);
+            raise(sig);
+            return 120;
+        }
+        if (strncmp(argv[i], "await=", 6) == 0) {
+            const pid_t other = (pid_t)atoi(argv[i] + 6);
+            /* A zombie still answers kill(); only reaping makes it go. */
+            while (kill(other, 0) == 0) sched_yield();
+        }
     }
     return 0;
 }
