@@ -23,7 +23,8 @@ using qor_test::run_qor;
 const std::vector<std::string> kCommands = {
     "help", "tour", "status", "errno", "assoc-hash", "path", "tmpname",
     "type", "create", "ls",   "access", "stat", "cp",   "mv",
-    "rm",   "lock", "read",   "write"};
+    "rm",   "lock", "read",   "write",
+    "locate", "whoami", "run", "sh"};
 
 bool starts_with(const std::string &s, const std::string &prefix) {
     return s.rfind(prefix, 0) == 0;
