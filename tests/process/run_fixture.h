@@ -18,14 +18,16 @@
 #include <unistd.h>
 
 #include <functional>
-#include <ostream>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "fault.h"
 #include "harness.h"
+#include "message_lines.h"
 #include "qor/qor.h"
+#include "tests/objects/objects_fixture.h"
 
 namespace qor_test {
 // Messages shown readably when a comparison fails.
@@ -41,15 +43,9 @@ namespace run_test {
 using qor_test::Message;
 using qor_test::MessageLog;
 
-// The one message of type 71 that recording errno err against a name in a
-// context outputs.
-inline Message recorded(int status, const std::string &name, int context,
-                        int err) {
-    return qor_test::msg(
-        "qor", status - 2000, QOR_MSG_RECORDED,
-        {name, MessageLog::text_of(context - 2000), strerror(err),
-         MessageLog::text_of(3) + " $0=" + std::to_string(err)});
-}
+// The one message of type 71 that recording errno err against a name in
+// a context outputs.
+using objects_test::recorded;
 
 // What one call in a child did.
 struct Outcome {
@@ -151,39 +147,20 @@ class Programs : public testing::Test {
             for (const auto &[k, v] : notes()) {
                 fprintf(f, "%s\n%s\n", k.c_str(), v.c_str());
             }
-            for (const auto &m : log.messages) {
-                fprintf(f, "%d %d %zu\n", m.number, m.type,
-                        m.parameters.size());
-                for (const auto &p : m.parameters) fprintf(f, "%s\n", p.c_str());
-            }
+            message_lines::write(f, log.messages);
             fclose(f);
         });
         FILE *f = fopen(results.c_str(), "re");
         if (f == nullptr) return o;
-        char line[8192];
-        auto next = [&] {
-            if (fgets(line, sizeof line, f) == nullptr) return std::string();
-            std::string s = line;
-            if (!s.empty() && s.back() == '\n') s.pop_back();
-            return s;
-        };
-        o.status = atoi(next().c_str());
-        o.code = atoi(next().c_str());
-        const size_t n_notes = strtoul(next().c_str(), nullptr, 10);
+        o.status = atoi(message_lines::next_line(f).c_str());
+        o.code = atoi(message_lines::next_line(f).c_str());
+        const size_t n_notes =
+            strtoul(message_lines::next_line(f).c_str(), nullptr, 10);
         for (size_t i = 0; i < n_notes; ++i) {
-            const std::string k = next();
-            o.notes[k] = next();
+            const std::string k = message_lines::next_line(f);
+            o.notes[k] = message_lines::next_line(f);
         }
-        for (std::string head = next(); !head.empty(); head = next()) {
-            Message m;
-            size_t n = 0;
-            if (sscanf(head.c_str(), "%d %d %zu", &m.number, &m.type, &n) != 3) {
-                break;
-            }
-            m.set = "qor";
-            for (size_t i = 0; i < n; ++i) m.parameters.push_back(next());
-            o.messages.push_back(m);
-        }
+        o.messages = message_lines::read(f);
         fclose(f);
         unlink(results.c_str());
         return o;
