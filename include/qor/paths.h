@@ -150,6 +150,7 @@ QOR_API char *QOR_SH_temporary_directory(void);
  * (such as /tmp), use QOR_create_temporary_object. */
 QOR_API char *QOR_temporary_object_name(const char *prefix, int is_directory,
                                         const char *suffix);
+/* As QOR_temporary_object_name, the result in the shared freestore. */
 QOR_API char *QOR_SH_temporary_object_name(const char *prefix,
                                            int is_directory,
                                            const char *suffix);
@@ -222,6 +223,7 @@ QOR_API int QOR_create_temporary_object(const char *prefix, int is_directory,
 
 QOR_API char *QOR_locate(const char *name, unsigned int type,
                          const char *extra, int form);
+/* As QOR_locate, the result in the shared freestore. */
 QOR_API char *QOR_SH_locate(const char *name, unsigned int type,
                             const char *extra, int form);
 
