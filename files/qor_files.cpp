@@ -91,7 +91,9 @@ char *os_path_of(const char *path, int line) {
 // creating open asks the disc-full handler on ENOSPC.
 QOR_file_handle *open_os(char *os, int flags, uint32_t mode,
                          bool missing_is_null, Guard guard) {
-    flags |= guard.extra_flags;
+    // Close-on-exec, as every descriptor of the library: a program the
+    // caller starts must not inherit the caller's open files.
+    flags |= guard.extra_flags | O_CLOEXEC;
     auto call = [&] { return open(os, flags, 0777); };
     const int fd = (flags & O_CREAT)
                        ? qor::host::retry_disc_full(call, os, QOR_CTX_OPEN)

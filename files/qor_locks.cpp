@@ -52,8 +52,9 @@ void deferred_open(QOR_file_handle *h) {
     const bool can_read = qor_path != nullptr && readable(qor_path);
     if (qor_path != nullptr) QOR_free(qor_path);
     if (!can_read) return;
-    h->fd = qor::files::checked([&] { return open(h->path, O_RDONLY, 0777); },
-                                h->path, QOR_CTX_OPEN);
+    h->fd = qor::files::checked(
+        [&] { return open(h->path, O_RDONLY | O_CLOEXEC, 0777); },
+        h->path, QOR_CTX_OPEN);
 }
 
 // One lock step on a byte: byte 1 without waiting, byte 0 waiting. 1 when
@@ -132,7 +133,9 @@ int QOR_upgrade_lock(QOR_file_handle *handle) {
         }
         handle->fd = -1;
         handle->fd = qor::files::checked_write(
-            [&] { return open(handle->path, O_RDWR | O_CREAT, 0777); },
+            [&] {
+                return open(handle->path, O_RDWR | O_CREAT | O_CLOEXEC, 0777);
+            },
             handle->path, QOR_CTX_OPEN);
         handle->flags = QOR_FILE_READ_WRITE;
         handle->lock_mode = 0;

@@ -43,7 +43,9 @@ std::vector<std::string> locks_of(pid_t pid) {
         const bool blocked = line.find("->") != std::string::npos;
         // n: POSIX ADVISORY WRITE pid dev:inode start end
         const size_t base = blocked ? 2 : 1;
-        if (w.size() < base + 6) continue;
+        // The pid field itself: the needle may also stand in another
+        // process's line as a byte offset.
+        if (w.size() < base + 7 || w[base + 3] != std::to_string(pid)) continue;
         out.push_back(std::string(blocked ? "-> " : "") + w[base + 2] + " " +
                       w[base + 5] + "-" + w[base + 6]);
     }

@@ -27,6 +27,7 @@ const std::vector<std::string> kCommands = {
     "check",
     "cat", "save", "lockfile",
     "lsdir", "cpdir", "lockdir",
+    "locate", "whoami", "run", "sh",
     "font", "print"};
 
 bool starts_with(const std::string &s, const std::string &prefix) {

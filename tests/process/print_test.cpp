@@ -19,6 +19,7 @@
 #include "fake_spooler.h"
 #include "fault.h"
 #include "harness.h"
+#include "message_lines.h"
 #include "qor/qor.h"
 
 namespace {
@@ -68,33 +69,14 @@ class Print : public testing::Test {
             qor_fault_reset();
             // Status, calls, then each message: number, type, parameters.
             printf("%d\n%ld\n", status, calls);
-            for (const auto &m : log.messages) {
-                printf("%d %d %zu\n", m.number, m.type, m.parameters.size());
-                for (const auto &param : m.parameters) printf("%s\n", param.c_str());
-            }
+            message_lines::write(stdout, log.messages);
         });
         FILE *f = fmemopen(const_cast<char *>(p.child.out.data()),
                            p.child.out.size() + 1, "r");
         if (f == nullptr) return p;
-        char line[8192];
-        auto next = [&] {
-            if (fgets(line, sizeof line, f) == nullptr) return std::string();
-            std::string s = line;
-            if (!s.empty() && s.back() == '\n') s.pop_back();
-            return s;
-        };
-        p.status = atoi(next().c_str());
-        p.system_calls = atol(next().c_str());
-        for (std::string head = next(); !head.empty(); head = next()) {
-            qor_test::Message m;
-            size_t n = 0;
-            if (sscanf(head.c_str(), "%d %d %zu", &m.number, &m.type, &n) != 3) {
-                break;
-            }
-            m.set = "qor";
-            for (size_t i = 0; i < n; ++i) m.parameters.push_back(next());
-            p.messages.push_back(m);
-        }
+        p.status = atoi(message_lines::next_line(f).c_str());
+        p.system_calls = atol(message_lines::next_line(f).c_str());
+        p.messages = message_lines::read(f);
         fclose(f);
         return p;
     }
