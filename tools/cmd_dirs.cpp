@@ -222,7 +222,7 @@ const Command dirs_commands[] = {
      "exit status.\nThe lock is never waited for: when another process holds "
      "a conflicting one,\nqor lockdir ends with status 1 and COMMAND is not "
      "run.",
-     kLockdirOptions, 2, -1, true},
+     kLockdirOptions, 2, -1, 1},
     {}};
 
 int tour_dirs() {

@@ -124,12 +124,12 @@ const Command process_commands[] = {
      "ended it, 1 when it is not found or cannot\nbe run (an exit status of "
      "255 is taken to mean that). Options must come\nbefore PROGRAM: "
      "everything after it is the program's.",
-     nullptr, 1, -1, true},
+     nullptr, 1, -1, 1},
     {"sh", cmd_sh, "COMMAND", "run a shell command",
      "Runs COMMAND with /bin/sh, waits for it and ends with the shell's exit "
      "status\n(127 when the shell cannot find the command); 1 when the shell "
      "could not run\nor was ended by a signal.",
-     nullptr, 1, 1, true},
+     nullptr, 1, 1, 1},
     {}};
 
 namespace {

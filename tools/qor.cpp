@@ -119,8 +119,12 @@ void print_command_help(const Command &c) {
             printf("  %s\n  %-24s  %s\n", label.c_str(), "", o->help);
         }
     }
-    if (c.options_first) {
+    if (c.options_end == 1) {
         printf("\nOptions must come before the first operand.\n");
+    } else if (c.options_end > 1) {
+        printf("\nOptions end after the first %d operands: what follows "
+               "them is taken as\noperands, options or not.\n",
+               c.options_end);
     } else {
         printf("\nOptions may follow operands; \"--\" ends the options.\n");
     }
@@ -180,7 +184,10 @@ int parse_command_line(const Command &c, int argc, char **argv,
         char *arg = argv[i];
         if (options_over || arg[0] != '-' || arg[1] == '\0') {
             operands.push_back(arg);
-            if (c.options_first) options_over = true;
+            if (c.options_end > 0 &&
+                operands.size() >= static_cast<size_t>(c.options_end)) {
+                options_over = true;
+            }
             continue;
         }
         if (strcmp(arg, "--") == 0) {
