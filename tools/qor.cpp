@@ -387,8 +387,10 @@ int print_man_page() {
            "operation failed (including a failed write to standard output)\n"
            ".TP\n.B 2\nusage: a bad command line (an unknown option, a missing "
            "or extra operand, a bad number);\na usage line is printed and "
-           "nothing is done\n.PP\n.B qor lock\nand\n.B qor lockfile hold\n"
-           "end with the status of the command they ran;\n"
+           "nothing is done\n.PP\n.BR \"qor lock\" ,\n"
+           ".BR \"qor lockfile hold\" ,\n.BR \"qor dir lock\" ,\n"
+           ".B qor call\nand\n.B qor exec\n"
+           "end with the status of the command or program they ran;\n"
            ".B qor lockfile test\nends with 1 when another process holds the "
            "update right.\n");
     printf(".SH DIAGNOSTICS\nErrors go to standard error, one line each, in "

@@ -26,8 +26,8 @@ const std::vector<std::string> kCommands = {
     "rm",   "lock", "read",   "write",
     "check",
     "cat", "save", "lockfile",
-    "lsdir", "cpdir", "lockdir",
-    "locate", "whoami", "run", "sh",
+    "dir",
+    "locate", "whoami", "run", "call", "exec",
     "font", "print"};
 
 bool starts_with(const std::string &s, const std::string &prefix) {
