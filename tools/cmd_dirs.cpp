@@ -192,7 +192,7 @@ const Option kDirOptions[] = {
     {kSharedLetter, "shared", nullptr, "lock: a shared lock", true},
     {'x', "exclusive", nullptr, "lock: an exclusive lock (the default)"},
     {'d', "downgrade", nullptr,
-     "lock: take it exclusive, then let it down to shared, then run"},
+     "lock: take it exclusive, then down to shared"},
     {}};
 
 struct Action {

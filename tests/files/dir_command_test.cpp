@@ -181,7 +181,7 @@ TEST_F(DirTool, HelpShowsTheThreeFormsAndWhereOptionsEnd) {
     EXPECT_EQ(r.out.rfind(usage + "\nlist, copy or lock a directory.\n", 0),
               0u)
         << r.out;
-    EXPECT_NE(r.out.find("\n      --shared                lock: a shared "
+    EXPECT_NE(r.out.find("\n      --shared              lock: a shared "
                          "lock\n"),
               std::string::npos)
         << r.out;

@@ -188,9 +188,11 @@ TEST_F(QorProcessTool, RunOfAMissingProgramIsStatus1) {
     r = run_qor({"run", "hollow"});
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("qor run: cannot run: hollow: it does not exist\n"),
-              std::string::npos)
-        << r.err;
+    EXPECT_EQ(r.err, "qor: error 2052: cannot run a program, or find the "
+                     "process owner of \"" + (tmp_ / "hollow/.body") +
+                         "\": it does not exist (No such file or directory, "
+                         "OS error 2)\n"
+                         "qor run: cannot run: hollow: it does not exist\n");
     r = run_qor({"run"});
     EXPECT_EQ(r.exit_status, 2);
     EXPECT_EQ(r.err.rfind("qor run: missing operand\n", 0), 0u) << r.err;
@@ -221,9 +223,11 @@ TEST_F(QorProcessTool, CallTakesAnExitStatusOf255ForAProgramThatCouldNotRun) {
     // library cannot tell a program's own 255 from that.
     auto r = run_qor({"call", "prog", "255"});
     EXPECT_EQ(r.exit_status, 1);
-    EXPECT_NE(r.err.find("qor call: cannot run: prog: it does not exist\n"),
-              std::string::npos)
-        << r.err;
+    EXPECT_EQ(r.out, body_ + "|1|255|" + (tmp_ / "prog") + "\n");
+    EXPECT_EQ(r.err, "qor: error 2052: cannot run a program, or find the "
+                     "process owner of \"prog\": it does not exist (No such "
+                     "file or directory, OS error 2)\n"
+                     "qor call: cannot run: prog: it does not exist\n");
 }
 
 TEST_F(QorProcessTool, CallOfAProgramKilledBySignalIs128PlusTheSignal) {
