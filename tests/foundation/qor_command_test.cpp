@@ -137,6 +137,29 @@ TEST(QorCommand, OptionsMayFollowOperandsAndLongOptionsTakePrefixes) {
     EXPECT_TRUE(starts_with(r.out, "--help\t0x")) << r.out;
 }
 
+TEST(QorCommand, HelpSaysWhereOptionsEnd) {
+    const std::string anywhere =
+        "\nOptions may follow operands; \"--\" ends the options.\n";
+    const std::string first = "\nOptions must come before the first operand.\n";
+    const std::string second =
+        "\nOptions end after the first 2 operands: what follows them is "
+        "taken as\noperands, options or not.\n";
+    const struct {
+        const char *command;
+        const std::string &says;
+    } cases[] = {{"status", anywhere}, {"lock", first}, {"call", first},
+                 {"dir", second}};
+    for (const auto &c : cases) {
+        const std::string out = run_qor({c.command, "--help"}).out;
+        EXPECT_NE(out.find(c.says), std::string::npos) << out;
+        for (const std::string *other : {&anywhere, &first, &second}) {
+            if (other != &c.says) {
+                EXPECT_EQ(out.find(*other), std::string::npos) << out;
+            }
+        }
+    }
+}
+
 TEST(QorCommand, AFailedWriteToStandardOutputIsAnError) {
     const std::string program = qor_test::qor_program();
     auto r = qor_test::run_in_child([&] {
