@@ -160,17 +160,6 @@ TEST_F(DirTool, LockUsageErrorsRunNothing) {
     EXPECT_EQ(objects_test::entries(dir), std::vector<std::string>{".lock"});
 }
 
-TEST_F(DirTool, TheOldCommandNamesAreUnknown) {
-    for (const char *old : {"lsdir", "cpdir", "lockdir"}) {
-        auto r = run_qor({old, os("d")});
-        EXPECT_EQ(r.exit_status, 2) << old;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, std::string("qor: unknown command '") + old +
-                             "'\nusage: qor COMMAND [OPTION]... [OPERAND]...\n"
-                             "Try 'qor --help' for the list of commands.\n");
-    }
-}
-
 TEST_F(DirTool, HelpShowsTheThreeFormsAndWhereOptionsEnd) {
     auto r = run_qor({"dir", "--help"});
     EXPECT_EQ(r.exit_status, 0);

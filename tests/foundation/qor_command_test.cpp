@@ -137,6 +137,19 @@ TEST(QorCommand, OptionsMayFollowOperandsAndLongOptionsTakePrefixes) {
     EXPECT_TRUE(starts_with(r.out, "--help\t0x")) << r.out;
 }
 
+// Names the directory and process commands had before they were
+// released under their present ones (dir ls|cp|lock, exec).
+TEST(QorCommand, NamesNeverReleasedAreUnknown) {
+    for (const char *old : {"lsdir", "cpdir", "lockdir", "sh"}) {
+        auto r = run_qor({old, "/tmp"});
+        EXPECT_EQ(r.exit_status, 2) << old;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, std::string("qor: unknown command '") + old +
+                             "'\nusage: qor COMMAND [OPTION]... [OPERAND]...\n"
+                             "Try 'qor --help' for the list of commands.\n");
+    }
+}
+
 TEST(QorCommand, HelpSaysWhereOptionsEnd) {
     const std::string anywhere =
         "\nOptions may follow operands; \"--\" ends the options.\n";
