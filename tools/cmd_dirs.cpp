@@ -184,7 +184,8 @@ int dir_lock(Invocation &in) {
 // ---- dir: the action, then its operands ----------------------------------------
 
 // Every action's options are parsed together (one table row); an action
-// refuses those of the others, so -s never quietly means --sort to lock.
+// refuses those of the others rather than ignoring them: "dir lock -s" is
+// an error, not an exclusive lock (-s is --sort; --shared has no letter).
 const Option kDirOptions[] = {
     {'s', "sort", nullptr, "ls: sort the names (byte order)"},
     {'u', "unlocked", nullptr,
