@@ -10,7 +10,10 @@
 //   Links                   a 1000-entry directory     opendir, readdir, closedir
 //   object_lock_held/<c>/K  QOR_lock_object +          open ".lock", fcntl lock,
 //                           QOR_unlock_object with     fcntl unlock, close, with
-//                           K other object locks held  K other lock files held
+//                           K other object locks held  K other lock files held;
+//                                                      checked_floor adds the
+//                                                      checked open's fstat and
+//                                                      flag change
 //
 // Names are <work>/<contender>: qor (the library) against floor (the host
 // calls themselves).
@@ -305,11 +308,43 @@ void ObjectLockHeld_Floor(benchmark::State &state) {
     for (int fd : held) close(fd);
 }
 
+// The same with the calls the library's checked open of a member file
+// adds: O_NONBLOCK|O_NOFOLLOW so that a FIFO or a link planted at ".lock"
+// cannot hang or redirect the open, fstat to see a regular file, and the
+// O_NONBLOCK cleared again. These are the host calls QOR_lock_object makes.
+void ObjectLockHeld_CheckedFloor(benchmark::State &state) {
+    const long k = state.range(0);
+    if (!descriptors_for(state, k)) return;
+    const std::vector<std::string> &paths = lock_objects(k);
+    std::vector<int> held;
+    for (long i = 1; i <= k; ++i) {
+        const int fd = open((paths[static_cast<size_t>(i)] + "/.lock").c_str(),
+                            O_RDWR | O_CLOEXEC);
+        lock_fd(fd, F_WRLCK);
+        held.push_back(fd);
+    }
+    const std::string path = paths[0] + "/.lock";
+    for (auto _ : state) {
+        const int fd = open(path.c_str(),
+                            O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+        struct stat st;
+        if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) abort();
+        fcntl(fd, F_SETFL, 0);  // as the library clears O_NONBLOCK
+        lock_fd(fd, F_WRLCK);
+        lock_fd(fd, F_UNLCK);
+        close(fd);
+    }
+    for (int fd : held) close(fd);
+}
+
 void HeldLocks(benchmark::internal::Benchmark *b) {
     for (long k : {1L, 1000L, 10000L, 100000L}) b->Arg(k);
 }
 
 BENCHMARK(ObjectLockHeld_Library)->Name("object_lock_held/qor")->Apply(HeldLocks);
 BENCHMARK(ObjectLockHeld_Floor)->Name("object_lock_held/floor")->Apply(HeldLocks);
+BENCHMARK(ObjectLockHeld_CheckedFloor)
+    ->Name("object_lock_held/checked_floor")
+    ->Apply(HeldLocks);
 
 }  // namespace

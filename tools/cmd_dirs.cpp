@@ -1,5 +1,6 @@
-// qor commands and tour step for directories: listing one, copying a
-// tree, holding a directory lock while a command runs.
+// The qor command "dir" and the tour step for directories: listing one
+// (dir ls), copying a tree (dir cp), holding a directory lock while a
+// command runs (dir lock).
 
 #include <errno.h>
 #include <qor/qor.h>
@@ -38,6 +39,9 @@ void counting_output(void *widget, void *, void *call) {
     }
 }
 
+// --shared is long only: -s means --sort.
+constexpr char kSharedLetter = 'S';
+
 // The status of listing the directory, told before the cursor's fatal
 // error could: 0 when it can be listed.
 int listable(const char *path) {
@@ -47,7 +51,7 @@ int listable(const char *path) {
     return QOR_close_links(links);
 }
 
-// ---- lsdir -----------------------------------------------------------------------
+// ---- dir ls ----------------------------------------------------------------------
 
 struct Listing {
     const char *path;
@@ -64,14 +68,15 @@ void list_into(void *arg) {
     QOR_close_dir(dir);
 }
 
-int cmd_lsdir(Invocation &in) {
-    const char *path = in.operands[0];
+int dir_ls(Invocation &in) {
+    const char *path = in.operands[1];
     const int s = listable(path);
     if (s != 0) return fail_status(in, "cannot list", path, s);
     std::vector<std::string> names;
     Listing listing{path, &names};
     if (!run_guarded(list_into, &listing)) {
-        fprintf(stderr, "qor lsdir: listing broken off: %s\n", path);
+        fprintf(stderr, "qor %s: listing broken off: %s\n", in.command->name,
+                path);
         return kExitFailed;
     }
     if (in.has('s')) std::sort(names.begin(), names.end());
@@ -80,7 +85,7 @@ int cmd_lsdir(Invocation &in) {
     return kExitOk;
 }
 
-// ---- cpdir -----------------------------------------------------------------------
+// ---- dir cp ----------------------------------------------------------------------
 
 struct Copying {
     const char *source;
@@ -92,9 +97,9 @@ void copy_tree(void *arg) {
     QOR_copy_dir(c->source, c->target);
 }
 
-int cmd_cpdir(Invocation &in) {
-    const char *source = in.operands[0];
-    const char *target = in.operands[1];
+int dir_cp(Invocation &in) {
+    const char *source = in.operands[1];
+    const char *target = in.operands[2];
     if (in.has('u')) QOR_lock_on_copy = 0;
     const int s = listable(source);
     if (s != 0) return fail_status(in, "cannot copy", source, s);
@@ -109,11 +114,13 @@ int cmd_cpdir(Invocation &in) {
     const bool whole = run_guarded(copy_tree, &copying);
     QOR_registered_callbacks[QOR_SLOT_OUTPUT_MESSAGE] = counter.forward;
     if (!whole) {
-        fprintf(stderr, "qor cpdir: copy broken off: %s\n", target);
+        fprintf(stderr, "qor %s: copy broken off: %s\n", in.command->name,
+                target);
         return kExitFailed;
     }
     if (counter.recorded > 0) {
-        fprintf(stderr, "qor cpdir: %d %s not copied: %s\n", counter.recorded,
+        fprintf(stderr, "qor %s: %d %s not copied: %s\n", in.command->name,
+                counter.recorded,
                 counter.recorded == 1 ? "entry" : "entries", target);
         return kExitFailed;
     }
@@ -121,7 +128,7 @@ int cmd_cpdir(Invocation &in) {
     return kExitOk;
 }
 
-// ---- lockdir ---------------------------------------------------------------------
+// ---- dir lock --------------------------------------------------------------------
 
 struct Locking {
     const char *path;
@@ -135,12 +142,12 @@ void lock_dir(void *arg) {
     l->granted = QOR_lock_dir(l->path, l->mode, &l->handle);
 }
 
-int cmd_lockdir(Invocation &in) {
-    const char *path = in.operands[0];
-    char **command = in.operands + 1;
+int dir_lock(Invocation &in) {
+    const char *path = in.operands[1];
+    char **command = in.operands + 2;
     // As for qor lock: --exclusive wins over --shared.
-    const int mode =
-        in.has('s') && !in.has('x') ? QOR_DIR_SHARED : QOR_DIR_EXCLUSIVE;
+    const int mode = in.has(kSharedLetter) && !in.has('x') ? QOR_DIR_SHARED
+                                                           : QOR_DIR_EXCLUSIVE;
     // The lock file is part of the directory: the library takes a missing
     // one for a broken installation. Say so plainly instead.
     const std::string lock_file = std::string(path) + "/.lock";
@@ -152,7 +159,7 @@ int cmd_lockdir(Invocation &in) {
     if (lstat(os, &st) != 0) return fail_errno(in, "cannot lock", os, errno);
     Locking locking{path, mode, nullptr, 0};
     if (!run_guarded(lock_dir, &locking)) {
-        fprintf(stderr, "qor lockdir: cannot lock: %s\n", os);
+        fprintf(stderr, "qor %s: cannot lock: %s\n", in.command->name, os);
         return kExitFailed;
     }
     if (!locking.granted) {
@@ -174,21 +181,68 @@ int cmd_lockdir(Invocation &in) {
     return code;
 }
 
-const Option kLsdirOptions[] = {
-    {'s', "sort", nullptr, "sort the names (byte order)"},
-    {}};
+// ---- dir: the action, then its operands ----------------------------------------
 
-const Option kCpdirOptions[] = {
+// Every action's options are parsed together (one table row); an action
+// refuses those of the others rather than ignoring them: "dir lock -s" is
+// an error, not an exclusive lock (-s is --sort; --shared has no letter).
+const Option kDirOptions[] = {
+    {'s', "sort", nullptr, "ls: sort the names (byte order)"},
     {'u', "unlocked", nullptr,
-     "copy files without taking record locks on them"},
+     "cp: copy files without taking record locks on them"},
+    {kSharedLetter, "shared", nullptr, "lock: a shared lock", true},
+    {'x', "exclusive", nullptr, "lock: an exclusive lock (the default)"},
+    {'d', "downgrade", nullptr,
+     "lock: take it exclusive, then down to shared"},
     {}};
 
-const Option kLockdirOptions[] = {
-    {'s', "shared", nullptr, "a shared lock"},
-    {'x', "exclusive", nullptr, "an exclusive lock (the default)"},
-    {'d', "downgrade", nullptr,
-     "take the lock exclusive, then let it down to shared before running"},
-    {}};
+struct Action {
+    const char *name;
+    int (*run)(Invocation &);
+    const char *letters;  // the options it takes
+    int operands;         // after the action's name
+    bool more;            // and any number after those (a command line)
+};
+
+constexpr Action kActions[] = {
+    {"ls", dir_ls, "s", 1, false},
+    {"cp", dir_cp, "u", 2, false},
+    {"lock", dir_lock, "Sxd", 2, true},
+};
+
+int cmd_dir(Invocation &in) {
+    const char *name = in.operands[0];
+    const Action *action = nullptr;
+    for (const Action &a : kActions) {
+        if (strcmp(name, a.name) == 0) action = &a;
+    }
+    if (action == nullptr) {
+        return usage_error(in, "unknown action '%s' (ls, cp or lock)", name);
+    }
+    for (const Option *o = kDirOptions; o->letter != 0; ++o) {
+        if (!in.has(o->letter) || strchr(action->letters, o->letter) != nullptr) {
+            continue;
+        }
+        if (o->long_only) {
+            return usage_error(in, "option --%s does not apply to '%s'",
+                               o->long_name, name);
+        }
+        return usage_error(in, "option --%s (-%c) does not apply to '%s'",
+                           o->long_name, o->letter, name);
+    }
+    const int given = in.count - 1;
+    if (given < action->operands) {
+        const char *last = in.operands[in.count - 1];
+        return action->more && given == action->operands - 1
+                   ? usage_error(in, "missing command after '%s'", last)
+                   : usage_error(in, "missing operand after '%s'", last);
+    }
+    if (!action->more && given > action->operands) {
+        return usage_error(in, "extra operand '%s'",
+                           in.operands[action->operands + 1]);
+    }
+    return action->run(in);
+}
 
 // ---- Tour ------------------------------------------------------------------------
 
@@ -203,26 +257,31 @@ void print_listing(const char *path) {
 }  // namespace
 
 const Command dirs_commands[] = {
-    {"lsdir", cmd_lsdir, "[-s] DIRECTORY", "list the entries of a directory",
-     "Writes the name of each entry of DIRECTORY (every one but \".\" and "
-     "\"..\") on a\nline of its own, in the order the host directory gives "
-     "them.",
-     kLsdirOptions, 1, 1},
-    {"cpdir", cmd_cpdir, "[-u] SOURCE TARGET", "copy a directory tree",
-     "Copies the tree below SOURCE into TARGET (made when missing), depth "
-     "first:\nsymbolic links are made again with the same text and never "
-     "followed,\ndirectories are copied recursively, everything else as a "
-     "plain file. A file\nthat cannot be copied is reported and left out; "
-     "the rest is copied, and the\ncommand ends with status 1.",
-     kCpdirOptions, 2, 2},
-    {"lockdir", cmd_lockdir, "[OPTION]... DIRECTORY COMMAND [ARGUMENT]...",
-     "run a command holding a directory lock",
-     "Locks DIRECTORY through its \".lock\" file (a whole-file record lock), "
-     "runs\nCOMMAND while holding it, unlocks, and ends with the command's "
-     "exit status.\nThe lock is never waited for: when another process holds "
-     "a conflicting one,\nqor lockdir ends with status 1 and COMMAND is not "
-     "run.",
-     kLockdirOptions, 2, -1, true},
+    {"dir", cmd_dir,
+     "ls [-s|--sort] DIRECTORY\n"
+     "cp [-u|--unlocked] SOURCE TARGET\n"
+     "lock [--shared|-x/--exclusive|-d/--downgrade] DIRECTORY COMMAND "
+     "[ARGUMENT]...",
+     "list, copy or lock a directory",
+     "ls: writes the name of each entry of DIRECTORY (every one but \".\" "
+     "and \"..\")\non a line of its own, in the order the host directory "
+     "gives them.\n"
+     "\n"
+     "cp: copies the tree below SOURCE into TARGET (made when missing), "
+     "depth\nfirst: symbolic links are made again with the same text and "
+     "never followed,\ndirectories are copied recursively, everything else "
+     "as a plain file. A file\nthat cannot be copied is reported and left "
+     "out; the rest is copied, and the\ncommand ends with status 1.\n"
+     "\n"
+     "lock: locks DIRECTORY through its \".lock\" file (a whole-file record "
+     "lock),\nruns COMMAND while holding it, unlocks, and ends with the "
+     "command's exit\nstatus. The lock is never waited for: when another "
+     "process holds a\nconflicting one, qor dir lock ends with status 1 and "
+     "COMMAND is not run.\n"
+     "\n"
+     "Each option belongs to one action; options end after DIRECTORY (or "
+     "SOURCE),\nso that COMMAND keeps its own.",
+     kDirOptions, 1, -1, 2},
     {}};
 
 int tour_dirs() {

@@ -468,7 +468,7 @@ const Command files_commands[] = {
      "command's exit\nstatus, as flock(1) does; fails at once, with status "
      "1, when another process\nholds it. COMMAND does not inherit the lock "
      "file.",
-     nullptr, 1, -1, true},
+     nullptr, 1, -1, 1},
     {}};
 
 int tour_files() {

@@ -564,7 +564,7 @@ const Command objects2_commands[] = {
      "exclude each other; an object\n(lockable directory, cdir, idle "
      "object) gets the library's object lock.\nWith -n a lock held "
      "elsewhere ends qor lock with status 1, and COMMAND is\nnot run.",
-     kLockOptions, 2, -1, true},
+     kLockOptions, 2, -1, 1},
     {"read", cmd_read, "[-i] PATH OFFSET LENGTH",
      "read an idle block of an idle object",
      "Writes LENGTH bytes of the idle object's body (or index), from OFFSET, "

@@ -1,8 +1,9 @@
 // qor commands and tour step for the process subsystem:
-//   qor locate [--type=TYPE] [--extra=LIST] [--qor] [--trace=LEVEL] NAME
+//   qor locate [--type=TYPE] [--extra=LIST] [--os|--qor] [--trace=LEVEL] NAME
 //   qor whoami
-//   qor run PROGRAM [ARGUMENT]...
-//   qor sh COMMAND
+//   qor run PROGRAM [ARGUMENT]...     started, not waited for
+//   qor call PROGRAM [ARGUMENT]...    started and waited for
+//   qor exec COMMAND                  through the shell
 
 #include <qor/qor.h>
 #include <stdio.h>
@@ -25,6 +26,9 @@ int cmd_locate(Invocation &in) {
     if (in.has(kTypeLetter) &&
         !type_operand(in, in.value(kTypeLetter), &type)) {
         return kExitUsage;
+    }
+    if (in.has('o') && in.has('q')) {
+        return usage_error(in, "cannot combine --os and --qor");
     }
     long long level = 0;
     if (in.has('T') &&
@@ -60,6 +64,17 @@ int cmd_whoami(Invocation &) {
 
 int cmd_run(Invocation &in) {
     const char *program = in.operands[0];
+    // The program's own vector, as for qor call.
+    pid_t pid = 0;
+    const int status = QOR_start(program, in.operands, &pid);
+    if (status != 0) return fail_status(in, "cannot run", program, status);
+    printf("%ld\n", static_cast<long>(pid));
+    verbose(in, "%s started\n", program);
+    return kExitOk;
+}
+
+int cmd_call(Invocation &in) {
+    const char *program = in.operands[0];
     // The program's own vector: element 0 is the placeholder the child
     // replaces with its body's path.
     int32_t code = 0;
@@ -74,7 +89,7 @@ int cmd_run(Invocation &in) {
     return code;
 }
 
-int cmd_sh(Invocation &in) {
+int cmd_exec(Invocation &in) {
     const char *command = in.operands[0];
     int32_t code = 0;
     const int status = QOR_execute(command, &code);
@@ -88,6 +103,7 @@ const Option kLocateOptions[] = {
     kTypeOption,
     {'e', "extra", "LIST",
      "then look in these qor directories (commas or blanks between)"},
+    {'o', "os", nullptr, "print a host path (the default)", true},
     {'q', "qor", nullptr, "print an absolute qor path, not a host path"},
     {'T', "trace", "LEVEL",
      "trace probes on standard error: 1 those found, 2 all"},
@@ -102,8 +118,9 @@ const Command process_commands[] = {
      "path,\nthen in each directory of QOR_PATH (in the subdirectories that "
      "QOR_PATH_DEFAULTS\nlists for the name's extension, as in "
      "\"dat=(data,tables);hlp=(help)\"), then in\nthe directories of "
-     "--extra. Prints the first that exists, as a host path\nunless --qor "
-     "is given. --type=1 (plain_directory) looks for a directory.\n"
+     "--extra. Prints the first that exists, as a host path\n(--os, the "
+     "default) or, with --qor, as an absolute qor path. --type=1\n"
+     "(plain_directory) looks for a directory.\n"
      "\n"
      "QOR_LOCATE_TRACE_LEVEL sets the lowest trace level; --trace can "
      "only raise it.\nEach traced probe is one line: the path, then "
@@ -116,6 +133,14 @@ const Command process_commands[] = {
      "id. Ends with\nstatus 1 when the host or the owner cannot be named.",
      nullptr, 0, 0},
     {"run", cmd_run, "PROGRAM [ARGUMENT]...",
+     "start a program of the object store, without waiting",
+     "Finds PROGRAM as qor call does, starts it with the ARGUMENTs and "
+     "QOR_HASH set\nto its directory, prints the new process's id on "
+     "standard output and ends\nwith status 0 at once, leaving the program "
+     "running; 1 when it is not found\nor cannot be started. Options must "
+     "come before PROGRAM: everything after\nit is the program's.",
+     nullptr, 1, -1, 1},
+    {"call", cmd_call, "PROGRAM [ARGUMENT]...",
      "call a program of the object store",
      "Finds PROGRAM (a directory whose .body, or .interp/.body, is the "
      "executable)\non QOR_PATH, then in \"#\" and \"_/tools\", runs it with "
@@ -124,12 +149,12 @@ const Command process_commands[] = {
      "ended it, 1 when it is not found or cannot\nbe run (an exit status of "
      "255 is taken to mean that). Options must come\nbefore PROGRAM: "
      "everything after it is the program's.",
-     nullptr, 1, -1, true},
-    {"sh", cmd_sh, "COMMAND", "run a shell command",
+     nullptr, 1, -1, 1},
+    {"exec", cmd_exec, "COMMAND", "run a shell command",
      "Runs COMMAND with /bin/sh, waits for it and ends with the shell's exit "
      "status\n(127 when the shell cannot find the command); 1 when the shell "
      "could not run\nor was ended by a signal.",
-     nullptr, 1, 1, true},
+     nullptr, 1, 1, 1},
     {}};
 
 namespace {

@@ -32,9 +32,11 @@ struct Command {
     const Option *options; // may be null; ends with a letter 0
     int min_operands;
     int max_operands;      // -1: no limit
-    // Options end at the first operand (the rest is, say, a command line
-    // to run); otherwise options may follow operands.
-    bool options_first = false;
+    // Options end after this many operands: what follows is, say, a
+    // command line to run, whose options are its own (1 for "qor lock PATH
+    // COMMAND...", 2 for "qor dir lock DIRECTORY COMMAND..."). 0: options
+    // may come anywhere, before or after operands.
+    int options_end = 0;
 };
 
 // A parsed command line, as a handler receives it.

@@ -119,8 +119,12 @@ void print_command_help(const Command &c) {
             printf("  %s\n  %-24s  %s\n", label.c_str(), "", o->help);
         }
     }
-    if (c.options_first) {
+    if (c.options_end == 1) {
         printf("\nOptions must come before the first operand.\n");
+    } else if (c.options_end > 1) {
+        printf("\nOptions end after the first %d operands: what follows "
+               "them is taken as\noperands, options or not.\n",
+               c.options_end);
     } else {
         printf("\nOptions may follow operands; \"--\" ends the options.\n");
     }
@@ -180,7 +184,10 @@ int parse_command_line(const Command &c, int argc, char **argv,
         char *arg = argv[i];
         if (options_over || arg[0] != '-' || arg[1] == '\0') {
             operands.push_back(arg);
-            if (c.options_first) options_over = true;
+            if (c.options_end > 0 &&
+                operands.size() >= static_cast<size_t>(c.options_end)) {
+                options_over = true;
+            }
             continue;
         }
         if (strcmp(arg, "--") == 0) {
@@ -380,8 +387,10 @@ int print_man_page() {
            "operation failed (including a failed write to standard output)\n"
            ".TP\n.B 2\nusage: a bad command line (an unknown option, a missing "
            "or extra operand, a bad number);\na usage line is printed and "
-           "nothing is done\n.PP\n.B qor lock\nand\n.B qor lockfile hold\n"
-           "end with the status of the command they ran;\n"
+           "nothing is done\n.PP\n.BR \"qor lock\" ,\n"
+           ".BR \"qor lockfile hold\" ,\n.BR \"qor dir lock\" ,\n"
+           ".B qor call\nand\n.B qor exec\n"
+           "end with the status of the command or program they ran;\n"
            ".B qor lockfile test\nends with 1 when another process holds the "
            "update right.\n");
     printf(".SH DIAGNOSTICS\nErrors go to standard error, one line each, in "

@@ -26,8 +26,8 @@ const std::vector<std::string> kCommands = {
     "rm",   "lock", "read",   "write",
     "check",
     "cat", "save", "lockfile",
-    "lsdir", "cpdir", "lockdir",
-    "locate", "whoami", "run", "sh",
+    "dir",
+    "locate", "whoami", "run", "call", "exec",
     "font", "print"};
 
 bool starts_with(const std::string &s, const std::string &prefix) {
@@ -135,6 +135,42 @@ TEST(QorCommand, OptionsMayFollowOperandsAndLongOptionsTakePrefixes) {
     r = run_qor({"assoc-hash", "--", "--help"});
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_TRUE(starts_with(r.out, "--help\t0x")) << r.out;
+}
+
+// Names the directory and process commands had before they were
+// released under their present ones (dir ls|cp|lock, exec).
+TEST(QorCommand, NamesNeverReleasedAreUnknown) {
+    for (const char *old : {"lsdir", "cpdir", "lockdir", "sh"}) {
+        auto r = run_qor({old, "/tmp"});
+        EXPECT_EQ(r.exit_status, 2) << old;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, std::string("qor: unknown command '") + old +
+                             "'\nusage: qor COMMAND [OPTION]... [OPERAND]...\n"
+                             "Try 'qor --help' for the list of commands.\n");
+    }
+}
+
+TEST(QorCommand, HelpSaysWhereOptionsEnd) {
+    const std::string anywhere =
+        "\nOptions may follow operands; \"--\" ends the options.\n";
+    const std::string first = "\nOptions must come before the first operand.\n";
+    const std::string second =
+        "\nOptions end after the first 2 operands: what follows them is "
+        "taken as\noperands, options or not.\n";
+    const struct {
+        const char *command;
+        const std::string &says;
+    } cases[] = {{"status", anywhere}, {"lock", first}, {"call", first},
+                 {"dir", second}};
+    for (const auto &c : cases) {
+        const std::string out = run_qor({c.command, "--help"}).out;
+        EXPECT_NE(out.find(c.says), std::string::npos) << out;
+        for (const std::string *other : {&anywhere, &first, &second}) {
+            if (other != &c.says) {
+                EXPECT_EQ(out.find(*other), std::string::npos) << out;
+            }
+        }
+    }
 }
 
 TEST(QorCommand, AFailedWriteToStandardOutputIsAnError) {
