@@ -287,6 +287,12 @@ void lock_fd(int fd, short type) {
     if (fcntl(fd, F_SETLK, &fl) != 0) abort();
 }
 
+// The host calls themselves: open ".lock", lock, unlock, close. Checked,
+// also the calls the library's checked open of a member file adds:
+// O_NONBLOCK|O_NOFOLLOW so that a FIFO or a link planted at ".lock" cannot
+// hang or redirect the open, fstat to see a regular file, and O_NONBLOCK
+// cleared again. Those are the host calls QOR_lock_object makes.
+template <bool Checked>
 void ObjectLockHeld_Floor(benchmark::State &state) {
     const long k = state.range(0);
     if (!descriptors_for(state, k)) return;
@@ -299,37 +305,15 @@ void ObjectLockHeld_Floor(benchmark::State &state) {
         held.push_back(fd);
     }
     const std::string path = paths[0] + "/.lock";
+    constexpr int kFlags =
+        Checked ? O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC : O_RDWR | O_CLOEXEC;
     for (auto _ : state) {
-        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        lock_fd(fd, F_WRLCK);
-        lock_fd(fd, F_UNLCK);
-        close(fd);
-    }
-    for (int fd : held) close(fd);
-}
-
-// The same with the calls the library's checked open of a member file
-// adds: O_NONBLOCK|O_NOFOLLOW so that a FIFO or a link planted at ".lock"
-// cannot hang or redirect the open, fstat to see a regular file, and the
-// O_NONBLOCK cleared again. These are the host calls QOR_lock_object makes.
-void ObjectLockHeld_CheckedFloor(benchmark::State &state) {
-    const long k = state.range(0);
-    if (!descriptors_for(state, k)) return;
-    const std::vector<std::string> &paths = lock_objects(k);
-    std::vector<int> held;
-    for (long i = 1; i <= k; ++i) {
-        const int fd = open((paths[static_cast<size_t>(i)] + "/.lock").c_str(),
-                            O_RDWR | O_CLOEXEC);
-        lock_fd(fd, F_WRLCK);
-        held.push_back(fd);
-    }
-    const std::string path = paths[0] + "/.lock";
-    for (auto _ : state) {
-        const int fd = open(path.c_str(),
-                            O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-        struct stat st;
-        if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) abort();
-        fcntl(fd, F_SETFL, 0);  // as the library clears O_NONBLOCK
+        const int fd = open(path.c_str(), kFlags);
+        if constexpr (Checked) {
+            struct stat st;
+            if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) abort();
+            fcntl(fd, F_SETFL, 0);
+        }
         lock_fd(fd, F_WRLCK);
         lock_fd(fd, F_UNLCK);
         close(fd);
@@ -342,8 +326,10 @@ void HeldLocks(benchmark::internal::Benchmark *b) {
 }
 
 BENCHMARK(ObjectLockHeld_Library)->Name("object_lock_held/qor")->Apply(HeldLocks);
-BENCHMARK(ObjectLockHeld_Floor)->Name("object_lock_held/floor")->Apply(HeldLocks);
-BENCHMARK(ObjectLockHeld_CheckedFloor)
+BENCHMARK(ObjectLockHeld_Floor<false>)
+    ->Name("object_lock_held/floor")
+    ->Apply(HeldLocks);
+BENCHMARK(ObjectLockHeld_Floor<true>)
     ->Name("object_lock_held/checked_floor")
     ->Apply(HeldLocks);
 

@@ -119,6 +119,40 @@ inline short conflicting_lock(const std::string &os_path, short type) {
     return r == 0 ? fl.l_type : -1;
 }
 
+// What a second process finds on a copy's source and target while the
+// copy waits in the disc-full handler. copy() makes the disc full and runs
+// the copy; the handler looks, then answers 0 so that the copy goes on.
+// The conflicting lock on each is returned: the source asked as a writer
+// would ask, the target as a reader would.
+struct LocksMidCopy {
+    short on_source = -1;
+    short on_target = -1;
+};
+inline LocksMidCopy locks_seen_mid_copy(const std::string &source_os,
+                                        const std::string &target_os,
+                                        const std::function<void()> &copy) {
+    struct Probe {
+        std::string s, t;
+        LocksMidCopy seen;
+    } probe{source_os, target_os, {}};
+    QOR_set_callback(
+        nullptr, "QOR_DISC_FULL_HANDLER",
+        [](void *, void *client, void *call) {
+            auto *p = static_cast<Probe *>(client);
+            p->seen.on_source = static_cast<short>(
+                Partner([&](Partner &) { return conflicting_lock(p->s, F_WRLCK); })
+                    .finish());
+            p->seen.on_target = static_cast<short>(
+                Partner([&](Partner &) { return conflicting_lock(p->t, F_RDLCK); })
+                    .finish());
+            static_cast<QOR_disc_full_record *>(call)->result = 0;
+        },
+        &probe);
+    copy();
+    QOR_set_callback(nullptr, "QOR_DISC_FULL_HANDLER", nullptr, nullptr);
+    return probe.seen;
+}
+
 // A child process that holds a lock of the given type on the file until
 // it is destroyed: it tells 'L' once the lock is held, 'F' when it could
 // not be had.

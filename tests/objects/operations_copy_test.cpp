@@ -440,29 +440,12 @@ TEST_F(Copy, WhileCopyingSourceIsSharedAndTargetExclusive) {
     qor_test::write_file(os("s"), data);
     // The disc-full handler runs in the middle of the copy: from there a
     // second process looks at the locks.
-    short on_source = -1, on_target = -1;
-    struct Probe {
-        std::string s, t;
-        short *on_source, *on_target;
-    } probe{os("s"), os("t"), &on_source, &on_target};
-    QOR_set_callback(
-        nullptr, "QOR_DISC_FULL_HANDLER",
-        [](void *, void *client, void *call) {
-            auto *p = static_cast<Probe *>(client);
-            *p->on_source = static_cast<short>(
-                Partner([&](Partner &) { return conflicting_lock(p->s, F_WRLCK); })
-                    .finish());
-            *p->on_target = static_cast<short>(
-                Partner([&](Partner &) { return conflicting_lock(p->t, F_RDLCK); })
-                    .finish());
-            static_cast<QOR_disc_full_record *>(call)->result = 0;
-        },
-        &probe);
-    qor_fault_fail(QF_write, ENOSPC, 1, 1);
-    EXPECT_EQ(copy("s", 0, "t"), 0);
-    QOR_set_callback(nullptr, "QOR_DISC_FULL_HANDLER", nullptr, nullptr);
-    EXPECT_EQ(on_source, F_RDLCK);
-    EXPECT_EQ(on_target, F_WRLCK);
+    const LocksMidCopy seen = locks_seen_mid_copy(os("s"), os("t"), [&] {
+        qor_fault_fail(QF_write, ENOSPC, 1, 1);
+        EXPECT_EQ(copy("s", 0, "t"), 0);
+    });
+    EXPECT_EQ(seen.on_source, F_RDLCK);
+    EXPECT_EQ(seen.on_target, F_WRLCK);
     EXPECT_EQ(qor_test::read_file(os("t")), data);
 }
 
