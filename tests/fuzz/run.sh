@@ -5,7 +5,8 @@
 # UBSan), or brings BUILD_DIR up to date. Each target reads the seeds of its
 # corpus (corpus/ for fuzz_paths, corpus_X/ for fuzz_X) and writes new
 # inputs to a scratch corpus only. Any crash, leak, violated check or hang
-# (-timeout) fails the run.
+# (-timeout) fails the run. Quiet when all is well (a line per target);
+# a failing target's whole output when not.
 set -eu
 seconds=${1:-60}
 here=$(cd "$(dirname "$0")" && pwd)
@@ -43,8 +44,14 @@ for t in $targets; do
         *) seeds=$here/corpus_${t#fuzz_} ;;
     esac
     mkdir -p "$scratch/$t"
-    echo "run.sh: $t for ${each}s"
-    "$build/tests/fuzz/$t" -max_total_time="$each" -max_len=6000 \
-        -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-        "$scratch/$t" "$seeds"
+    out=$scratch/$t.log
+    if ! "$build/tests/fuzz/$t" -max_total_time="$each" -max_len=6000 \
+            -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+            "$scratch/$t" "$seeds" >"$out" 2>&1; then
+        cat "$out" >&2
+        echo "run.sh: $t failed" >&2
+        exit 1
+    fi
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$out")
+    echo "run.sh: $t: ${runs:-?} inputs in ${each}s, no failure"
 done
