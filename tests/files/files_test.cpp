@@ -314,6 +314,13 @@ std::vector<Retried> retried_calls() {
              QOR_file_handle *h = QOR_open_text_file(p.c_str(), 1);
              QOR_close_text_file(h);
          }},
+        {"fgets", QF_fgets,
+         [](const std::string &p) {
+             QOR_file_handle *h = QOR_open_text_file(p.c_str(), 1);
+             char line[8];
+             QOR_read_text_line(h, line, sizeof line);
+             QOR_close_text_file(h);
+         }},
         {"fseek", QF_fseek,
          [](const std::string &p) {
              QOR_file_handle *h = QOR_open_text_file(p.c_str(), 1);
