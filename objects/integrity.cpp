@@ -55,36 +55,91 @@ bool line_names(const char *line, dev_t dev, ino_t ino) {
     return false;
 }
 
-// Whether any process holds or waits for a lock on the file dev:ino. When
-// /proc/locks cannot be read the answer is yes: nothing is removed on a
-// guess.
-bool locked(dev_t dev, ino_t ino) {
+// The whole of /proc/locks in a buffer of the caller's to free, its length
+// in *size; null when it cannot be read (or no memory is left for it).
+char *read_lock_list(size_t *size) {
     const int fd = qor::host::retry_eintr(
         [] { return open("/proc/locks", O_RDONLY | O_CLOEXEC); });
-    if (fd < 0) return true;
-    char chunk[4096];
-    char line[512];
+    if (fd < 0) return nullptr;
+    size_t room = 16384;
     size_t used = 0;
-    bool found = false;
-    bool failed = false;
-    for (;;) {
-        const ssize_t n = qor::host::retry_eintr(
-            [&] { return read(fd, chunk, sizeof chunk); });
-        if (n < 0) failed = true;
-        if (n <= 0) break;
-        for (ssize_t i = 0; i < n && !found; ++i) {
-            if (chunk[i] != '\n') {
-                if (used + 1 < sizeof line) line[used++] = chunk[i];
-                continue;
+    char *text = static_cast<char *>(malloc(room));
+    while (text != nullptr) {
+        if (used == room) {
+            char *grown = static_cast<char *>(realloc(text, room * 2));
+            if (grown == nullptr) {
+                free(text);
+                text = nullptr;
+                break;
             }
-            line[used] = '\0';
-            found = line_names(line, dev, ino);
-            used = 0;
+            text = grown;
+            room *= 2;
         }
-        if (found) break;
+        const ssize_t n = qor::host::retry_eintr(
+            [&] { return read(fd, text + used, room - used); });
+        if (n < 0) {
+            free(text);
+            text = nullptr;
+        } else if (n == 0) {
+            break;
+        } else {
+            used += static_cast<size_t>(n);
+        }
     }
     close(fd);
-    return found || failed;
+    *size = used;
+    return text;
+}
+
+// Whether a line of the list names the file dev:ino.
+bool list_names(const char *text, size_t size, dev_t dev, ino_t ino) {
+    char line[512];
+    size_t used = 0;
+    for (size_t i = 0; i < size; ++i) {
+        if (text[i] != '\n') {
+            if (used + 1 < sizeof line) line[used++] = text[i];
+            continue;
+        }
+        line[used] = '\0';
+        if (line_names(line, dev, ino)) return true;
+        used = 0;
+    }
+    return false;
+}
+
+// Whether any process holds or waits for a lock on the file dev:ino.
+// The kernel makes the list a page at a time, and locks that others take
+// or release between pages shift the rest: an entry can be skipped by one
+// read (a few reads in a thousand while others keep changing theirs). So a
+// read that finds the file is believed at once; one that does not is
+// believed when the next read gives the same bytes (nothing moved), or
+// after four reads that all miss it. When the list cannot be read, the
+// answer is yes: nothing is removed on a guess.
+bool locked(dev_t dev, ino_t ino) {
+    constexpr int kReads = 4;
+    char *previous = nullptr;
+    size_t previous_size = 0;
+    for (int i = 0; i < kReads; ++i) {
+        size_t size = 0;
+        char *text = read_lock_list(&size);
+        if (text == nullptr) {
+            free(previous);
+            return true;
+        }
+        if (list_names(text, size, dev, ino)) {
+            free(text);
+            free(previous);
+            return true;
+        }
+        const bool steady = previous != nullptr && size == previous_size &&
+                            memcmp(text, previous, size) == 0;
+        free(previous);
+        previous = text;
+        previous_size = size;
+        if (steady) break;
+    }
+    free(previous);
+    return false;
 }
 
 void add(Inspection *out, Problem problem, const char *member, bool held) {

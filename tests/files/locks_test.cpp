@@ -1,6 +1,5 @@
 // Lock files between real processes: the update right on byte 1, readers
 // and the updater on byte 0, deferred handles, upgrade and its reopen.
-#include <fstream>
 
 #include "files_fixture.h"
 
@@ -31,10 +30,8 @@ short held_elsewhere(const std::string &p, int byte, short kind = F_WRLCK) {
 // locks of one kind are merged by the kernel ("WRITE 0-1").
 std::vector<std::string> locks_of(pid_t pid) {
     std::vector<std::string> out;
-    std::ifstream locks("/proc/locks");
-    std::string line;
     const std::string needle = " " + std::to_string(pid) + " ";
-    while (std::getline(locks, line)) {
+    for (const std::string &line : qor_test::lock_list_lines()) {
         if (line.find(needle) == std::string::npos) continue;
         std::istringstream in(line);
         std::vector<std::string> w;

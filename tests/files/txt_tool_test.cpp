@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <fstream>
 #include <sstream>
 
 #include "txt_fixture.h"
@@ -97,9 +96,7 @@ bool holds_write_lock(pid_t pid, const std::string &file, int first, int last) {
     snprintf(id, sizeof id, ":%llu %d %d", static_cast<unsigned long long>(st.st_ino),
              first, last);
     const std::string needle = " WRITE " + std::to_string(pid) + " ";
-    std::ifstream locks("/proc/locks");
-    std::string l;
-    while (std::getline(locks, l)) {
+    for (const std::string &l : qor_test::lock_list_lines()) {
         if (l.find("->") == std::string::npos && l.find(needle) != std::string::npos &&
             l.size() >= strlen(id) && l.find(id) != std::string::npos) {
             return true;

@@ -252,6 +252,64 @@ TEST_F(Integrity, DebrisAnotherProcessLocksIsHeldAndLeft) {
     EXPECT_EQ(entries(tmp_.path()), V{});
 }
 
+// The kernel makes /proc/locks a page at a time, and other processes change
+// their locks between pages: a lock held all along must still be seen by
+// every check, or a repair would take a held member for debris.
+TEST_F(Integrity, ALockHeldAllAlongIsSeenWhileOthersChurnTheirs) {
+    qor_test::write_file(os("held"), "x");
+    const int fd = ::open(os("held").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    struct flock fl{};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    ASSERT_EQ(fcntl(fd, F_SETLK, &fl), 0);
+    struct stat st{};
+    ASSERT_EQ(fstat(fd, &st), 0);
+    // Newer locks are listed before older ones: the churner's come first.
+    constexpr int kFiles = 2000;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t churner = fork();
+    ASSERT_GE(churner, 0);
+    if (churner == 0) {
+        close(ready[0]);
+        std::vector<int> fds;
+        for (int i = 0; i < kFiles; ++i) {
+            const std::string name = os("churn" + std::to_string(i));
+            const int f = ::open(name.c_str(), O_RDWR | O_CREAT, 0600);
+            if (f < 0) _exit(1);
+            struct flock l{};
+            l.l_type = F_WRLCK;
+            l.l_whence = SEEK_SET;
+            if (fcntl(f, F_SETLK, &l) != 0) _exit(1);
+            fds.push_back(f);
+        }
+        (void)!write(ready[1], "y", 1);
+        for (unsigned i = 0;; i = i * 1103515245u + 12345u) {
+            struct flock l{};
+            l.l_whence = SEEK_SET;
+            const int f = fds[(i >> 8) % kFiles];
+            l.l_type = F_UNLCK;
+            (void)fcntl(f, F_SETLK, &l);
+            l.l_type = F_WRLCK;
+            (void)fcntl(f, F_SETLK, &l);
+        }
+    }
+    close(ready[1]);
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    close(ready[0]);
+    int missed = 0;
+    for (int i = 0; i < 300; ++i) {
+        if (!qor::objects::locked(st.st_dev, st.st_ino)) ++missed;
+    }
+    kill(churner, SIGKILL);
+    int ws = 0;
+    waitpid(churner, &ws, 0);
+    close(fd);
+    EXPECT_EQ(missed, 0);
+}
+
 TEST_F(Integrity, ThisProcesssOwnLockIsSeenAndNotDroppedByTheCheck) {
     make_object(os("o"), 4);
     ASSERT_EQ(QOR_lock_object(qor("o").c_str(), 4, 3), 0);

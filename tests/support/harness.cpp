@@ -292,6 +292,19 @@ bool exists(const std::string &path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+std::vector<std::string> lock_list_lines() {
+    std::string previous = read_file("/proc/locks");
+    for (int i = 0; i < 100; ++i) {
+        std::string text = read_file("/proc/locks");
+        if (text == previous) break;
+        previous = std::move(text);
+    }
+    std::vector<std::string> lines;
+    std::istringstream in(previous);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
 int open_descriptor_count() {
     int n = 0;
     DIR *d = opendir("/proc/self/fd");

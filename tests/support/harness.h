@@ -137,6 +137,12 @@ void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);
 bool exists(const std::string &path);
 
+// The lines of /proc/locks as of one moment. The kernel makes the list a
+// page at a time, and other processes' lock changes between pages can
+// skip an entry or show one twice, so the list is read until two reads in
+// a row agree (the last read after 100 tries).
+std::vector<std::string> lock_list_lines();
+
 // Number of descriptors open in this process.
 int open_descriptor_count();
 
