@@ -310,6 +310,47 @@ TEST_F(Integrity, ALockHeldAllAlongIsSeenWhileOthersChurnTheirs) {
     EXPECT_EQ(missed, 0);
 }
 
+// A list that cannot be read whole (open, read or the growth of the buffer
+// failing) answers "held" for a file nobody locks: nothing is removed on a
+// guess.
+TEST_F(Integrity, AListThatCannotBeReadWhollyCountsAsHeld) {
+    qor_test::write_file(os("free"), "x");
+    struct stat st{};
+    ASSERT_EQ(stat(os("free").c_str(), &st), 0);
+    // Enough locks of this process's for a list longer than the first
+    // buffer, so that it has to grow.
+    std::vector<int> fds;
+    for (int i = 0; i < 400; ++i) {
+        const int f = ::open(os("l" + std::to_string(i)).c_str(),
+                             O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(f, 0);
+        fds.push_back(f);
+        struct flock l{};
+        l.l_type = F_WRLCK;
+        l.l_whence = SEEK_SET;
+        ASSERT_EQ(fcntl(f, F_SETLK, &l), 0);
+    }
+    EXPECT_FALSE(qor::objects::locked(st.st_dev, st.st_ino));
+    struct Case {
+        const char *name;
+        qor_fault_fn fn;
+        int err;
+    } const cases[] = {{"open", QF_open, EACCES},
+                       {"read", QF_read, EIO},
+                       {"realloc", QF_realloc, ENOMEM}};
+    for (const Case &c : cases) {
+        qor_fault_reset();
+        if (c.fn == QF_open) qor_fault_filter_path(QF_open, "/proc/locks");
+        qor_fault_fail(c.fn, c.err, 0, 1);
+        const bool held = qor::objects::locked(st.st_dev, st.st_ino);
+        const long injected = qor_fault_injected(c.fn);
+        qor_fault_reset();
+        EXPECT_TRUE(held) << c.name;
+        EXPECT_EQ(injected, 1) << c.name;
+    }
+    for (const int f : fds) close(f);
+}
+
 TEST_F(Integrity, ThisProcesssOwnLockIsSeenAndNotDroppedByTheCheck) {
     make_object(os("o"), 4);
     ASSERT_EQ(QOR_lock_object(qor("o").c_str(), 4, 3), 0);
