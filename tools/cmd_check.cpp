@@ -46,7 +46,10 @@ void print_finding(const char *path, const Inspection &found, const Finding &f,
             printf("does not belong to a %s", kTypeNames[found.expected]);
             break;
         case Problem::differs:
-            printf("differs in size from %s", source);
+            // Only a check against a source finds this; the guard is for
+            // the compiler, which cannot see that.
+            printf("differs in size from %s",
+                   source != nullptr ? source : "the source");
             break;
         case Problem::stale_lock:
             printf("all that is left of a %s (a stale lock)",
