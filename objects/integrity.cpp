@@ -119,27 +119,21 @@ bool locked(dev_t dev, ino_t ino) {
     constexpr int kReads = 4;
     char *previous = nullptr;
     size_t previous_size = 0;
+    bool held = false;
     for (int i = 0; i < kReads; ++i) {
         size_t size = 0;
         char *text = read_lock_list(&size);
-        if (text == nullptr) {
-            free(previous);
-            return true;
-        }
-        if (list_names(text, size, dev, ino)) {
-            free(text);
-            free(previous);
-            return true;
-        }
-        const bool steady = previous != nullptr && size == previous_size &&
+        held = text == nullptr || list_names(text, size, dev, ino);
+        const bool steady = !held && previous != nullptr &&
+                            size == previous_size &&
                             memcmp(text, previous, size) == 0;
         free(previous);
         previous = text;
         previous_size = size;
-        if (steady) break;
+        if (held || steady) break;
     }
     free(previous);
-    return false;
+    return held;
 }
 
 void add(Inspection *out, Problem problem, const char *member, bool held) {

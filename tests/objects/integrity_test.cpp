@@ -32,6 +32,26 @@ std::string text(const Finding &f) {
     return t;
 }
 
+// A record lock of this process on the whole file (F_WRLCK, F_UNLCK...);
+// whether the kernel granted it.
+bool set_lock(int fd, short type) {
+    struct flock fl{};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    return fd >= 0 && fcntl(fd, F_SETLK, &fl) == 0;
+}
+
+// A file opened read-write (made when missing) and write-locked whole: its
+// descriptor, or -1.
+int open_write_locked(const std::string &os_path) {
+    const int fd = ::open(os_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0 && !set_lock(fd, F_WRLCK)) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 class Integrity : public Store {
   protected:
     void SetUp() override {
@@ -223,10 +243,7 @@ TEST_F(Integrity, DebrisAnotherProcessLocksIsHeldAndLeft) {
         close(ready[0]);
         close(done[1]);
         const int fd = ::open(os("c/.lock").c_str(), O_RDWR);
-        struct flock fl{};
-        fl.l_type = F_WRLCK;
-        fl.l_whence = SEEK_SET;
-        const bool ok = fd >= 0 && fcntl(fd, F_SETLK, &fl) == 0;
+        const bool ok = set_lock(fd, F_WRLCK);
         char c = ok ? 'y' : 'n';
         (void)!write(ready[1], &c, 1);
         (void)!read(done[0], &c, 1);
@@ -256,13 +273,8 @@ TEST_F(Integrity, DebrisAnotherProcessLocksIsHeldAndLeft) {
 // their locks between pages: a lock held all along must still be seen by
 // every check, or a repair would take a held member for debris.
 TEST_F(Integrity, ALockHeldAllAlongIsSeenWhileOthersChurnTheirs) {
-    qor_test::write_file(os("held"), "x");
-    const int fd = ::open(os("held").c_str(), O_RDWR | O_CLOEXEC);
+    const int fd = open_write_locked(os("held"));
     ASSERT_GE(fd, 0);
-    struct flock fl{};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    ASSERT_EQ(fcntl(fd, F_SETLK, &fl), 0);
     struct stat st{};
     ASSERT_EQ(fstat(fd, &st), 0);
     // Newer locks are listed before older ones: the churner's come first.
@@ -275,24 +287,15 @@ TEST_F(Integrity, ALockHeldAllAlongIsSeenWhileOthersChurnTheirs) {
         close(ready[0]);
         std::vector<int> fds;
         for (int i = 0; i < kFiles; ++i) {
-            const std::string name = os("churn" + std::to_string(i));
-            const int f = ::open(name.c_str(), O_RDWR | O_CREAT, 0600);
+            const int f = open_write_locked(os("churn" + std::to_string(i)));
             if (f < 0) _exit(1);
-            struct flock l{};
-            l.l_type = F_WRLCK;
-            l.l_whence = SEEK_SET;
-            if (fcntl(f, F_SETLK, &l) != 0) _exit(1);
             fds.push_back(f);
         }
         (void)!write(ready[1], "y", 1);
         for (unsigned i = 0;; i = i * 1103515245u + 12345u) {
-            struct flock l{};
-            l.l_whence = SEEK_SET;
             const int f = fds[(i >> 8) % kFiles];
-            l.l_type = F_UNLCK;
-            (void)fcntl(f, F_SETLK, &l);
-            l.l_type = F_WRLCK;
-            (void)fcntl(f, F_SETLK, &l);
+            (void)set_lock(f, F_UNLCK);
+            (void)set_lock(f, F_WRLCK);
         }
     }
     close(ready[1]);
@@ -321,14 +324,9 @@ TEST_F(Integrity, AListThatCannotBeReadWhollyCountsAsHeld) {
     // buffer, so that it has to grow.
     std::vector<int> fds;
     for (int i = 0; i < 400; ++i) {
-        const int f = ::open(os("l" + std::to_string(i)).c_str(),
-                             O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        const int f = open_write_locked(os("l" + std::to_string(i)));
         ASSERT_GE(f, 0);
         fds.push_back(f);
-        struct flock l{};
-        l.l_type = F_WRLCK;
-        l.l_whence = SEEK_SET;
-        ASSERT_EQ(fcntl(f, F_SETLK, &l), 0);
     }
     EXPECT_FALSE(qor::objects::locked(st.st_dev, st.st_ino));
     struct Case {
