@@ -104,6 +104,28 @@ inline unsigned long ulong_of(const void *p) {
     return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p));
 }
 
+// Walks over every chain (growth, clearing) are bound by the latency of
+// loading each entry: entries are allocated one by one and chains visit
+// them in hash order, so nearly every step misses the cache. The heads of
+// buckets some way ahead are fetched while the current ones are worked on.
+// A prefetch never faults, so any entry pointer may be given.
+constexpr uint64_t kAhead = 16;
+
+inline void prefetch(const void *p) { __builtin_prefetch(p); }
+
+// A string entry's key copy, whose allocation header free() reads. The
+// entry was asked for some buckets earlier, so reading its key pointer
+// seldom waits.
+inline void prefetch_key(const Entry *e) {
+    if (e != nullptr) {
+        // The header lies just below the key: worked out as an address,
+        // since a pointer may not point there.
+        const auto key = reinterpret_cast<uintptr_t>(
+            reinterpret_cast<const StringEntry *>(e)->key);
+        prefetch(reinterpret_cast<const void *>(key - 16));
+    }
+}
+
 // "-- ASSOC table NAME: WHAT" followed by the key type's line for the entry.
 void trace_entry(QOR_ASSOC_table *t, const char *what, Entry *e) {
     fprintf(stderr, "-- ASSOC table %s: %s", t->name, what);
@@ -150,7 +172,7 @@ struct Hashed {
 Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
     AssocIndex *x = qor::containers::index_of(t);
     if (x != nullptr) return {x, qor::containers::index_key(x, key)};
-    return {nullptr, {t->key_type->hash(t, key), 0, 0, true}};
+    return {nullptr, {t->key_type->hash(t, key), 0, 0, true, 0}};
 }
 
 // The first entry in chain order that holds the key: what the chain walk
@@ -158,6 +180,15 @@ Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
 Entry *lookup(QOR_ASSOC_table *t, const Hashed &h, const void *key) {
     if (h.index != nullptr) {
         return qor::containers::index_find(h.index, h.key, key);
+    }
+    return lookup(t, h.key.hash, key);
+}
+
+// The same, for an insertion that follows when nothing is found: the index
+// notes where the new key goes, which spares it a second search.
+Entry *lookup_to_insert(QOR_ASSOC_table *t, Hashed &h, const void *key) {
+    if (h.index != nullptr) {
+        return qor::containers::index_find_for_insert(h.index, h.key, key);
     }
     return lookup(t, h.key.hash, key);
 }
@@ -174,6 +205,7 @@ void grow(QOR_ASSOC_table *t) {
     Entry **fresh = t->key_type->hash_alloc(
         t, static_cast<uint32_t>(buckets * sizeof(Entry *)));
     for (uint64_t b = 0; b < old_buckets; ++b) {
+        if (b + kAhead < old_buckets) prefetch(old[b + kAhead]);
         Entry *e = old[b];
         while (e != nullptr) {
             Entry *following = next_of(e);
@@ -478,7 +510,13 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
     }
     const auto entry_free = table->key_type->entry_free;
     const uint32_t entry_size = table->key_type->entry_size;
+    // The library's string entries: their key copies are freed too.
+    const bool key_copies = entry_free == QOR_ASSOC_string_free;
     for (uint64_t b = 0; b <= table->mask; ++b) {
+        if (entry_free != nullptr && b + kAhead <= table->mask) {
+            prefetch(table->buckets[b + kAhead]);
+            if (key_copies) prefetch_key(table->buckets[b + kAhead / 2]);
+        }
         if (table->buckets[b] == nullptr) continue;
         if (entry_free != nullptr) {
             Entry *e = table->buckets[b];
@@ -539,8 +577,8 @@ QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
 QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
                                         const void *key, void *value,
                                         int *found) {
-    const Hashed hash = hash_key(table, key);
-    Entry *e = lookup(table, hash, key);
+    Hashed hash = hash_key(table, key);
+    Entry *e = lookup_to_insert(table, hash, key);
     if (found != nullptr) *found = e != nullptr ? 1 : 0;
     if (e != nullptr) return e;
     return add_entry(table, hash, key, value);
@@ -549,9 +587,11 @@ QOR_ASSOC_entry *QOR_ASSOC_table_insert(QOR_ASSOC_table *table,
 QOR_ASSOC_entry *QOR_ASSOC_table_insert_replace(QOR_ASSOC_table *table,
                                                 const void *key, void *value,
                                                 int *replaced) {
-    const Hashed hash = hash_key(table, key);
-    Entry *old = lookup(table, hash, key);
+    Hashed hash = hash_key(table, key);
+    Entry *old = lookup_to_insert(table, hash, key);
     if (replaced != nullptr) *replaced = old != nullptr ? 1 : 0;
+    // A place for a new group is noted only when no entry was found, so
+    // the removal (of an entry found) never moves it.
     QOR_ASSOC_table_remove(table, handle(old));
     return add_entry(table, hash, key, value);
 }

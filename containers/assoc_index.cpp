@@ -102,6 +102,11 @@ struct GroupTable {
     GroupEnds *place(uint32_t tag) {
         uint64_t j = home(tag) & mask;
         while (tags[j] != 0) j = (j + 1) & mask;
+        return occupy(j, tag);
+    }
+
+    // Slot j, free and where a search for the tag ends.
+    GroupEnds *occupy(uint64_t j, uint32_t tag) {
         tags[j] = tag;
         live += 1;
         return &ends[j];
@@ -180,7 +185,7 @@ uint64_t middle_hash(const char *text, size_t n) {
 // (a serial chain of 14 steps, worked out only when a new entry needs it).
 IndexedKey string_key(const char *text) {
     const size_t n = strlen(text);
-    return {0, qor::bytes_hash(text, n), n, false};
+    return {0, qor::bytes_hash(text, n), n, false, 0};
 }
 
 inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
@@ -205,13 +210,19 @@ Slot *slot_of(Probe<Slot> &table, const Entry *e) {
     }
 }
 
-GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key) {
+// The group of the key, or null; on a miss `*vacancy` (when given) is the
+// free slot that ended the search, plus one.
+GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key,
+                    uint64_t *vacancy = nullptr) {
     const GroupTable &t = x->groups;
     if (t.tags == nullptr) return nullptr;
     const uint32_t want = tag_bits(strong);
     for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
         const uint32_t tag = t.tags[j];
-        if (tag == 0) return nullptr;
+        if (tag == 0) {
+            if (vacancy != nullptr) *vacancy = j + 1;
+            return nullptr;
+        }
         if ((tag >> 1) == want && holds(x, t.ends[j].end[0], key)) {
             return &t.ends[j];
         }
@@ -315,7 +326,7 @@ void index_destroy(QOR_ASSOC_table *t) {
 IndexedKey index_key(const AssocIndex *x, const void *key) {
     if (x->strings) return string_key(static_cast<const char *>(key));
     const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
-    return {k, long_strong(k), 0, true};
+    return {k, long_strong(k), 0, true, 0};
 }
 
 uint64_t index_chain_hash(IndexedKey &k, const void *key) {
@@ -328,6 +339,12 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
 
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
     GroupEnds *g = group_of(x, k.strong, key);
+    return g != nullptr ? g->end[front_side(x, g)] : nullptr;
+}
+
+Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
+    x->groups.reserve_one();
+    GroupEnds *g = group_of(x, k.strong, key, &k.vacancy);
     return g != nullptr ? g->end[front_side(x, g)] : nullptr;
 }
 
@@ -366,10 +383,18 @@ void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
     }
 
     // The group: e comes first in chain order among the entries of its key.
-    GroupEnds *g = group_of(x, k.strong, key_of(x, e));
+    // A search just before may have found none and noted where one goes.
+    GroupTable &groups = x->groups;
+    GroupEnds *g =
+        k.vacancy != 0 ? nullptr : group_of(x, k.strong, key_of(x, e));
     if (g == nullptr) {
-        x->groups.reserve_one();
-        g = x->groups.place((tag_bits(k.strong) << 1) | (x->growths & 1u));
+        const uint32_t tag = (tag_bits(k.strong) << 1) | (x->growths & 1u);
+        if (k.vacancy != 0) {
+            g = groups.occupy(k.vacancy - 1, tag);
+        } else {
+            groups.reserve_one();
+            g = groups.place(tag);
+        }
         g->end[0] = e;
         g->end[1] = e;
         return;

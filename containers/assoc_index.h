@@ -40,6 +40,11 @@ struct IndexedKey {
     uint64_t strong;
     size_t length;    // of a string key
     bool hashed;
+    // Where an insertion's search found no group: the free slot that ends
+    // the key's probe sequence, plus one (0: unknown). Room was reserved
+    // before the search, so the new group goes there as long as no group
+    // leaves the index in between.
+    uint64_t vacancy;
 };
 
 // The index of a table, or null when its key type keeps the plain walk.
@@ -56,6 +61,10 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key);
 
 // The first entry in chain order holding `key`, or null.
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key);
+
+// The same for a search that an insertion of `key` may follow: makes room
+// for a new group first and notes where it would go.
+Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key);
 
 // The chain walk's answer for find_dup from `previous`; sets `*walk` when
 // only the chain can tell (a key other than `previous`'s with its hash).
