@@ -9,6 +9,7 @@
 
 #include "foundation/internal.h"
 #include "foundation/probe_table.h"
+#include "memory/static_allocator.h"
 #include "qor/memory.h"
 
 // The public record is part of the interface: its layout is fixed.
@@ -186,7 +187,20 @@ struct SideSlot {
 };
 
 constinit qor::Probe<SideSlot> side_indexes;
-constinit SideIndex *last_side = nullptr;
+
+// Programs work with a few allocators at a time, often in turn (the object
+// locks take a lock record and a contents record from two pools, and give
+// both back): the last index and the last block found are remembered per
+// allocator, in a few slots chosen by its address, rather than once.
+constexpr unsigned kRecentSlots = 8;
+
+inline unsigned recent_slot(const QOR_SA_allocator *sa) {
+    return static_cast<unsigned>(
+        (reinterpret_cast<uintptr_t>(sa) * 0x9E3779B97F4A7C15ull) >> 61);
+}
+static_assert(kRecentSlots == 8);  // the shift above keeps three bits
+
+constinit SideIndex *recent_side[kRecentSlots] = {};
 
 uint64_t extension_span(const QOR_SA_allocator *sa) {
     return uint64_t{sa->extension_entries} * sa->structure_size;
@@ -278,12 +292,12 @@ __attribute__((noinline)) SideIndex *side_lookup(const QOR_SA_allocator *sa) {
     } else if (!side_matches(x, sa)) {
         side_build(x, sa);
     }
-    last_side = x;
+    recent_side[recent_slot(sa)] = x;
     return x;
 }
 
 inline SideIndex *side_of(const QOR_SA_allocator *sa) {
-    SideIndex *x = last_side;
+    SideIndex *x = recent_side[recent_slot(sa)];
     if (x != nullptr && x->sa == sa && side_matches(x, sa)) [[likely]] return x;
     return side_lookup(sa);
 }
@@ -296,7 +310,9 @@ void side_drop(const QOR_SA_allocator *sa) {
         if (s->empty()) return;
         if (s->sa == sa) {
             SideIndex *x = s->index;
-            if (last_side == x) last_side = nullptr;
+            if (recent_side[recent_slot(sa)] == x) {
+                recent_side[recent_slot(sa)] = nullptr;
+            }
             free(x->level1);
             free(x->level2);
             x->granules.release();
@@ -344,8 +360,8 @@ uint32_t next_free_word(SideIndex *x, const uint64_t *bitmaps, uint32_t from,
     }
 }
 
-// The block where the last lookup succeeded, with what a lookup needs of
-// it: records are mostly released soon after they are taken, from the same
+// The block where an allocator's last lookup succeeded, with what a lookup
+// needs of it (kept in the allocator's recent slot): records are mostly released soon after they are taken, from the same
 // block. Only a hint: it names its allocator and block address, is checked
 // against the allocator's current blocks before use, and is dropped when
 // the allocator adds a block or is destroyed, so a stale one costs nothing
@@ -357,10 +373,11 @@ struct BlockHint {
     uint32_t block;        // its number
     uint32_t first_index;  // the index of its first record
 };
-constinit BlockHint last_block = {nullptr, 0, 0, 0, 0};
+constinit BlockHint recent_block[kRecentSlots] = {};
 
 void forget_block_hint(const QOR_SA_allocator *sa) {
-    if (last_block.sa == sa) last_block.sa = nullptr;
+    BlockHint &hint = recent_block[recent_slot(sa)];
+    if (hint.sa == sa) hint.sa = nullptr;
 }
 
 // The index of the record that `address` points into; kNoIndex when it
@@ -388,7 +405,8 @@ __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
             if (block == blocks) return kNoIndex;
             const uint32_t first_index =
                 sa->initial_entries + (block - 1) * sa->extension_entries;
-            last_block = {sa, base, span, block, first_index};
+            recent_block[recent_slot(sa)] = {sa, base, span, block,
+                                             first_index};
             return first_index + position_of(address - base, sa->structure_size);
         }
         const SideIndex *x = side_of(sa);
@@ -414,15 +432,15 @@ __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
     const uint32_t first_index =
         block == 0 ? 0
                    : sa->initial_entries + (block - 1) * sa->extension_entries;
-    last_block = {sa, base, span, block, first_index};
+    recent_block[recent_slot(sa)] = {sa, base, span, block, first_index};
     return first_index + position_of(address - base, sa->structure_size);
 }
 
 // The block of the last lookup, when `sa` has it still and it holds
 // `address`: then the record's index, else kNoIndex.
-inline uint32_t index_in_last_block(const QOR_SA_allocator *sa,
+inline uint32_t index_in_recent_block(const QOR_SA_allocator *sa,
                                     uintptr_t address) {
-    const BlockHint &hint = last_block;
+    const BlockHint &hint = recent_block[recent_slot(sa)];
     if (hint.sa == sa && hint.block < sa->blocks_in_use &&
         reinterpret_cast<uintptr_t>(sa->blocks[hint.block]) == hint.base) {
         const uint64_t offset = address - hint.base;
@@ -438,9 +456,17 @@ inline uint32_t index_in_last_block(const QOR_SA_allocator *sa,
 // lookup is tried first.
 inline uint32_t index_of(const QOR_SA_allocator *sa, const void *p) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(p);
-    const uint32_t index = index_in_last_block(sa, address);
+    const uint32_t index = index_in_recent_block(sa, address);
     return index != kNoIndex ? index : search_blocks(sa, address);
 }
+
+}  // namespace
+
+bool qor::sa_holds(const QOR_SA_allocator *sa, const void *p) {
+    return index_of(sa, p) != kNoIndex;
+}
+
+namespace {
 
 // The first record in use at or after `from`, or `total` when none.
 uint32_t next_in_use(const QOR_SA_allocator *sa, uint32_t from,
@@ -533,7 +559,7 @@ __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
         side_lookup(sa);
         return;
     }
-    last_side = x;
+    recent_side[recent_slot(sa)] = x;
     x->blocks = sa->blocks;
     x->bitmaps = sa->bitmaps;
     x->blocks_in_use = sa->blocks_in_use;
@@ -694,7 +720,7 @@ QOR_API void *QOR_SA_allocate(QOR_SA_allocator *sa) {
 
 QOR_API void QOR_SA_release(QOR_SA_allocator *sa, void *record) {
     const uint32_t index =
-        index_in_last_block(sa, reinterpret_cast<uintptr_t>(record));
+        index_in_recent_block(sa, reinterpret_cast<uintptr_t>(record));
     if (index == kNoIndex) return release_after_search(sa, record);
     release_index(sa, record, index);
 }

@@ -20,6 +20,7 @@
 #include "foundation/host.h"
 #include "foundation/host_files.h"
 #include "foundation/internal.h"
+#include "memory/static_allocator.h"
 #include "objects/contents.h"
 #include "objects/object_paths.h"
 #include "qor/objects.h"
@@ -102,27 +103,11 @@ struct flock whole_file(short type) {
     return fl;
 }
 
-// Records in one block of the pool: the settings rounded as the allocator
-// rounds them when it adds its first block.
-uint64_t block_records(uint32_t entries) {
-    return entries == 0 ? 64 : (uint64_t{entries} + 63) / 64 * 64;
-}
-
 // Whether the record lies in one of the pool's blocks. The file layer's
 // handles share the record's layout but come from basic space; closing
 // either kind must give it back where it came from.
 bool pooled(const QOR_contents_record *rec) {
-    const auto *p = reinterpret_cast<const char *>(rec);
-    for (uint32_t b = 0; b < contents_pool.blocks_in_use; ++b) {
-        const auto *base = static_cast<const char *>(contents_pool.blocks[b]);
-        const uint64_t records = block_records(
-            b == 0 ? contents_pool.initial_entries
-                   : contents_pool.extension_entries);
-        if (p >= base && p < base + records * sizeof(QOR_contents_record)) {
-            return true;
-        }
-    }
-    return false;
+    return qor::sa_holds(&contents_pool, rec);
 }
 
 // Frees the path and gives the record back to the pool, or to basic space
