@@ -57,6 +57,17 @@ int bracketed(F fn) {
     return QOR_SH_qor_to_os(joined, 0);
 }
 
+// "dir/name" in the shared freestore, given both lengths.
+inline char *join_in_shared(const char *dir, size_t n, const char *name,
+                            size_t m) {
+    auto *out = static_cast<char *>(
+        QOR_FS_malloc(shared(), static_cast<uint32_t>(n + 1 + m + 1)));
+    memcpy(out, dir, n);
+    out[n] = '/';
+    memcpy(out + n + 1, name, m + 1);
+    return out;
+}
+
 // One object's paths during one call: the qor path as given and, once
 // asked for, its OS path (file and directory translations give the same
 // text on this host). Plain data, in the caller's frame.
@@ -98,12 +109,7 @@ inline char *member_os(ObjectPaths *p, const char *name) {
         const size_t m = strlen(name);
         if (n > 0 && os[n - 1] != '/' && n + 1 + m <= QOR_PATH_MAX &&
             strlen(p->qor) + 1 + m <= QOR_PATH_MAX) {
-            auto *out = static_cast<char *>(QOR_FS_malloc(
-                shared(), static_cast<uint32_t>(n + 1 + m + 1)));
-            memcpy(out, os, n);
-            out[n] = '/';
-            memcpy(out + n + 1, name, m + 1);
-            return out;
+            return join_in_shared(os, n, name, m);
         }
     }
     return translate_joined(p->qor, name);

@@ -61,14 +61,26 @@ PathSlot *slot_of(const char *absolute, uint64_t hash) {
     }
 }
 
-ObjectLock *find(const char *absolute) {
-    PathSlot *s = slot_of(absolute, path_hash(absolute));
-    return s != nullptr ? s->entry : nullptr;
+// The index's slot of the entry for the path, or null.
+PathSlot *find(const char *absolute) {
+    return slot_of(absolute, path_hash(absolute));
+}
+
+// Whether `slot`, found earlier, is still the index's slot of `e`. The
+// record lock calls made since may have output a message, and an output
+// callback may have placed or dropped object locks and so moved the slots.
+bool still_slot_of(const PathSlot *slot, const ObjectLock *e) {
+    const auto at = reinterpret_cast<uintptr_t>(slot);
+    const auto first = reinterpret_cast<uintptr_t>(by_path.slots);
+    return by_path.slots != nullptr && at >= first &&
+           at <= first + by_path.mask * sizeof(PathSlot) && slot->entry == e;
 }
 
 // Unlinks the entry, closes its ".lock" (dropping any lock) and frees it.
-void remove_entry(ObjectLock *e) {
-    by_path.erase(slot_of(e->path, path_hash(e->path)));
+// `known` is the slot a search found for it before.
+void remove_entry(ObjectLock *e, PathSlot *known) {
+    by_path.erase(still_slot_of(known, e) ? known
+                                          : slot_of(e->path, path_hash(e->path)));
     if (e->previous != nullptr) e->previous->next = e->next;
     else table_head = e->next;
     if (e->next != nullptr) e->next->previous = e->previous;
@@ -99,20 +111,21 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     const char *absolute = QOR_SH_qor_to_absolute_qor(path);
     if (absolute == nullptr) return QOR_E_UNTRANSLATABLE;
 
-    if (ObjectLock *e = find(absolute)) {
+    if (PathSlot *slot = find(absolute)) {
+        ObjectLock *e = slot->entry;
         if (exclusive(request) && e->writable == 0) {
             const char *os = QOR_SH_qor_to_os(path, type);
             if (os == nullptr) return QOR_E_UNTRANSLATABLE;
             return QOR_record_os_error(EINVAL, os, QOR_CTX_LOCK_OBJECT);
         }
         const int status = QOR_lock_contents(e->record, request);
-        if (status != 0) remove_entry(e);
+        if (status != 0) remove_entry(e, slot);
         return status;
     }
 
     // QOR_SH_lock_path(path): the absolute path, "/", the member's name.
-    const char *lock_path =
-        QOR_FS_cat_strings(shared(), absolute, "/", kLock, nullptr);
+    const char *lock_path = join_in_shared(absolute, strlen(absolute), kLock,
+                                           sizeof kLock - 1);
     int32_t writable = 1;
     if (!exclusive(request)) {
         const int status = QOR_is_accessible(lock_path, QOR_PLAIN_FILE,
@@ -145,10 +158,11 @@ int unlock_object(const char *path, unsigned int type) {
     if (!lockable(type)) return not_lockable(path, type, QOR_CTX_UNLOCK_OBJECT);
     const char *absolute = QOR_SH_qor_to_absolute_qor(path);
     if (absolute == nullptr) return QOR_E_UNTRANSLATABLE;
-    ObjectLock *e = find(absolute);
-    if (e == nullptr) return QOR_E_NOT_LOCKED;
+    PathSlot *slot = find(absolute);
+    if (slot == nullptr) return QOR_E_NOT_LOCKED;
+    ObjectLock *e = slot->entry;
     const int status = QOR_unlock_contents(e->record);
-    remove_entry(e);
+    remove_entry(e, slot);
     return status;
 }
 
@@ -169,8 +183,8 @@ int QOR_object_lock_mode(const char *path, unsigned int, unsigned int *mode) {
     QOR_FS_mark mark;
     QOR_FS_save(shared(), &mark);
     const char *absolute = QOR_SH_qor_to_absolute_qor(path);
-    const ObjectLock *e = absolute != nullptr ? find(absolute) : nullptr;
-    *mode = e != nullptr ? e->record->lock_mode : 0;
+    const PathSlot *slot = absolute != nullptr ? find(absolute) : nullptr;
+    *mode = slot != nullptr ? slot->entry->record->lock_mode : 0;
     QOR_FS_restore(shared(), &mark);
     return 0;
 }

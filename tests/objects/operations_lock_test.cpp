@@ -172,6 +172,47 @@ TEST_F(ObjectLocks, FailingUnlockStillRemovesTheEntry) {
     EXPECT_TRUE(descriptors_on(os("o")).empty());
 }
 
+// The failing unlock's message reaches an output callback that places 300
+// more object locks, which regrows the table's index while the unlock is
+// under way: the entry still goes, and every new lock is still found.
+TEST_F(ObjectLocks, LocksPlacedByAnOutputCallbackDuringAnUnlockStayFound) {
+    struct Placer {
+        std::vector<std::string> paths;
+        bool placed = false;
+        static void output(void *, void *client, void *) {
+            auto *self = static_cast<Placer *>(client);
+            if (self->placed) return;
+            self->placed = true;
+            for (const std::string &p : self->paths) {
+                QOR_lock_object(p.c_str(), 3, 1);
+            }
+        }
+    } placer;
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = "x" + std::to_string(i);
+        make_object(os(name), 3);
+        placer.paths.push_back(qor(name));
+    }
+    ASSERT_EQ(QOR_lock_object(qor("o").c_str(), 3, 3), 0);
+    QOR_set_callback(nullptr, "QOR_OUTPUT_MESSAGE", Placer::output, &placer);
+    qor_fault_fail(QF_fcntl, ENOLCK, 0, 1);
+    EXPECT_EQ(QOR_unlock_object(qor("o").c_str(), 3), QOR_E_RESOURCE);
+    QOR_set_callback(nullptr, "QOR_OUTPUT_MESSAGE", nullptr, nullptr);
+    qor_fault_reset();
+    ASSERT_TRUE(placer.placed);
+    EXPECT_EQ(mode_of_lock("o"), 0u);
+    EXPECT_TRUE(descriptors_on(os("o")).empty());
+    // Nothing of the old entry is left to be found: a new one comes and goes.
+    EXPECT_EQ(QOR_lock_object(qor("o").c_str(), 3, 3), 0);
+    EXPECT_EQ(mode_of_lock("o"), 3u);
+    EXPECT_EQ(QOR_unlock_object(qor("o").c_str(), 3), 0);
+    EXPECT_EQ(QOR_unlock_object(qor("o").c_str(), 3), QOR_E_NOT_LOCKED);
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(mode_of_lock("x" + std::to_string(i)), 1u) << i;
+        EXPECT_EQ(QOR_unlock_object(placer.paths[static_cast<size_t>(i)].c_str(), 3), 0);
+    }
+}
+
 TEST_F(ObjectLocks, ConflictOnANewEntryGives2060AndMakesNoEntry) {
     Holder writer(os("o/.lock"), F_WRLCK);
     ASSERT_TRUE(writer.held());
