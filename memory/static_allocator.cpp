@@ -361,11 +361,11 @@ uint32_t next_free_word(SideIndex *x, const uint64_t *bitmaps, uint32_t from,
 }
 
 // The block where an allocator's last lookup succeeded, with what a lookup
-// needs of it (kept in the allocator's recent slot): records are mostly released soon after they are taken, from the same
-// block. Only a hint: it names its allocator and block address, is checked
-// against the allocator's current blocks before use, and is dropped when
-// the allocator adds a block or is destroyed, so a stale one costs nothing
-// but the search of the blocks.
+// needs of it, in the allocator's recent slot: records are mostly released
+// soon after they are taken, from the same block. Only a hint: it names its
+// allocator and block address, is checked against the allocator's current
+// blocks before use, and is dropped when the allocator adds a block or is
+// destroyed, so a stale one costs nothing but the search of the blocks.
 struct BlockHint {
     const QOR_SA_allocator *sa;
     uintptr_t base;        // the block's address
@@ -436,10 +436,10 @@ __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
     return first_index + position_of(address - base, sa->structure_size);
 }
 
-// The block of the last lookup, when `sa` has it still and it holds
+// The block of `sa`'s last lookup, when it has it still and it holds
 // `address`: then the record's index, else kNoIndex.
 inline uint32_t index_in_recent_block(const QOR_SA_allocator *sa,
-                                    uintptr_t address) {
+                                      uintptr_t address) {
     const BlockHint &hint = recent_block[recent_slot(sa)];
     if (hint.sa == sa && hint.block < sa->blocks_in_use &&
         reinterpret_cast<uintptr_t>(sa->blocks[hint.block]) == hint.base) {
@@ -690,7 +690,7 @@ inline void release_index(QOR_SA_allocator *sa, void *record,
     give_back(sa, index);
 }
 
-// A release whose record is not in the block of the last lookup.
+// A release whose record is not in the block of its allocator's last lookup.
 __attribute__((noinline)) void release_after_search(QOR_SA_allocator *sa,
                                                     void *record) {
     release_index(sa, record,
