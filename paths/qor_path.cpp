@@ -637,7 +637,7 @@ constexpr FirstCharacters kFirst = [] {
 // nothing at all in an OS path after the first component). The rest of the
 // characters ("+", ".", ":" elsewhere, any byte) only classify names that
 // are all copied alike.
-bool plain_absolute(const char *text, size_t max_length, Plain *out) {
+bool scan_plain_absolute(const char *text, size_t max_length, Plain *out) {
     if (text[0] != '/') return false;
     const char *p = text + 1;
     size_t components = 0;
@@ -672,6 +672,39 @@ bool plain_absolute(const char *text, size_t max_length, Plain *out) {
         }
         p = q + 1;
     }
+}
+
+// The last two texts found plain, with what the scan gave. Whether a text
+// is plain depends on its characters alone, and programs translate the
+// same few paths in turn (an object's path, then a member's, then the
+// object's again to unlock it): comparing with a remembered text costs a
+// fraction of classifying it character by character.
+struct PlainMemo {
+    char text[kMaxPath + 1];
+    size_t length;  // 0: empty slot
+    size_t components;
+};
+constinit PlainMemo g_plain_memo[2] = {};
+constinit unsigned g_plain_memo_next = 0;
+
+bool plain_absolute(const char *text, size_t max_length, Plain *out) {
+    if (text[0] != '/') return false;
+    const size_t n = strlen(text);
+    for (const PlainMemo &m : g_plain_memo) {
+        if (m.length == n && memcmp(m.text, text, n) == 0) {
+            *out = Plain{n, m.components};
+            return n <= max_length;
+        }
+    }
+    if (!scan_plain_absolute(text, max_length, out)) return false;
+    if (n <= kMaxPath) {
+        PlainMemo &m = g_plain_memo[g_plain_memo_next];
+        g_plain_memo_next ^= 1u;
+        memcpy(m.text, text, n);
+        m.length = n;
+        m.components = out->components;
+    }
+    return true;
 }
 
 size_t piece_bytes(size_t n) { return (n + 3) & ~size_t{3}; }

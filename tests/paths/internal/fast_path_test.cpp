@@ -211,6 +211,38 @@ TEST_F(FastPath, TheLengthLimitIsTheGeneralOne) {
     QOR_FS_initialise(&QOR_SH_fs_allocator, 2016, 0);
 }
 
+// Texts seen a moment ago are recognised as plain without a second scan:
+// asked again in turn, among texts that differ from them only at their
+// ends and texts that are not plain, each one still gets the answer of the
+// general algorithm, and a plain text remembered under the longer limit is
+// still too long as a host part.
+TEST_F(FastPath, TextsAskedInTurnGetTheSameAnswers) {
+    const std::string longest = "/" + std::string(QOR_PATH_MAX - 1, 'n');
+    const std::vector<std::string> texts = {
+        "/srv/data/o1",   "/srv/data/o1/.lock", "/srv/data/o",
+        "/srv/data/o1/.", "/srv/data/o1/",      "/srv/data/o1x",
+        "@/srv/data/o1",  "/srv/data/c:",       "/srv/./data/o1",
+        longest,          "@" + longest,        "@" + longest.substr(1),
+    };
+    std::mt19937 rng(41);
+    for (int round = 0; round < 40; ++round) {
+        const std::string &t = texts[rng() % texts.size()];
+        SCOPED_TRACE(t.substr(0, 40));
+        expect_agreement(t, ".lock", round % 2 == 0 ? 0u : 1000u);
+        expect_agreement_in_large_chunks(t, ".lock");
+        if (HasFailure()) return;
+    }
+    QOR_FS_destroy(&QOR_SH_fs_allocator);
+    QOR_FS_initialise(&QOR_SH_fs_allocator, kLargeChunks, 0);
+    EXPECT_TRUE(fast_to_abs(longest));
+    EXPECT_FALSE(fast_to_abs("@" + longest));
+    EXPECT_EQ(or_null(QOR_qor_to_absolute_qor(("@" + longest).c_str())),
+              "<null>");
+    EXPECT_EQ(or_null(QOR_qor_to_absolute_qor(longest.c_str())), longest);
+    QOR_FS_destroy(&QOR_SH_fs_allocator);
+    QOR_FS_initialise(&QOR_SH_fs_allocator, 2016, 0);
+}
+
 TEST_F(FastPath, CompositesUpToTheLimit) {
     const std::string name = ".lock";
     const std::string dir =
