@@ -21,7 +21,7 @@ using qor::zeroed;
 constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
 
 // An entry of a key held by several entries: its neighbours among them.
-// link[0] leads towards the group's end[0], link[1] towards end[1]. Keys
+// link[0] leads towards the group's end 0, link[1] towards end 1. Keys
 // held by one entry (the usual case) have no such record.
 struct DupNode {
     Entry *entry;
@@ -40,16 +40,46 @@ struct PrevNode {
     uint64_t home() const { return address_hash(entry); }
 };
 
-// Per distinct key: both ends of its list of entries (the same entry when
-// it has one) and a tag: 30 bits of the key's strong hash with a marker bit
-// (0 is an empty slot), and below them the parity of the table's growth
-// count the list was started under. The chain runs from end[p] to
-// end[1 - p], p being that parity against the table's current one.
+// Per distinct key: a tag, 30 bits of the key's strong hash with a marker
+// bit (0 is an empty slot) and below them the parity of the table's growth
+// count the group was started under, and two words:
 //
-// Tags and ends are kept in two arrays: probing reads the tags only, four
+//  - a key held by one entry (the usual case): the entry, and its key (the
+//    key text's address for strings, the key itself for longs), so that a
+//    search tells the key without reading the entry;
+//  - a key held by several: the two ends of the list of its entries, the
+//    first marked in bit 0 (entries are at least 4-byte aligned). The chain
+//    runs from end p to end 1 - p, p being the group's parity against the
+//    table's current one.
+//
+// Tags and words are kept in two arrays: probing reads the tags only, four
 // bytes a slot, which keeps a large table's probes within fewer pages.
 struct GroupEnds {
-    Entry *end[2];
+    uintptr_t word[2];
+
+    static constexpr uintptr_t kSeveral = 1;
+
+    bool several() const { return (word[0] & kSeveral) != 0; }
+    Entry *end(unsigned side) const {
+        if (!several()) return reinterpret_cast<Entry *>(word[0]);
+        return reinterpret_cast<Entry *>(side == 0 ? word[0] & ~kSeveral
+                                                   : word[1]);
+    }
+    void set_one(Entry *e, uintptr_t key) {
+        word[0] = reinterpret_cast<uintptr_t>(e);
+        word[1] = key;
+    }
+    void set_ends(Entry *end0, Entry *end1) {
+        word[0] = reinterpret_cast<uintptr_t>(end0) | kSeveral;
+        word[1] = reinterpret_cast<uintptr_t>(end1);
+    }
+    void set_end(unsigned side, Entry *e) {
+        if (side == 0) {
+            word[0] = reinterpret_cast<uintptr_t>(e) | kSeveral;
+        } else {
+            word[1] = reinterpret_cast<uintptr_t>(e);
+        }
+    }
 };
 
 inline uint32_t tag_bits(uint64_t strong) {
@@ -195,6 +225,23 @@ inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
     return e->hash == static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
 }
 
+// The key word a group of one entry keeps: what `key_of` gives.
+inline uintptr_t key_word(const AssocIndex *x, const Entry *e) {
+    return x->strings ? reinterpret_cast<uintptr_t>(key_text(e))
+                      : static_cast<uintptr_t>(e->hash);
+}
+
+// Whether the group is the key's: from the kept key when it has one entry.
+inline bool group_holds(const AssocIndex *x, const GroupEnds &g,
+                        const void *key) {
+    if (g.several()) return holds(x, g.end(0), key);
+    if (x->strings) {
+        return strcmp(reinterpret_cast<const char *>(g.word[1]),
+                      static_cast<const char *>(key)) == 0;
+    }
+    return g.word[1] == reinterpret_cast<uintptr_t>(key);
+}
+
 inline uint64_t strong_of_entry(const AssocIndex *x, const Entry *e) {
     return x->strings ? string_key(key_text(e)).strong : long_strong(e->hash);
 }
@@ -223,7 +270,7 @@ GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key,
             if (vacancy != nullptr) *vacancy = j + 1;
             return nullptr;
         }
-        if ((tag >> 1) == want && holds(x, t.ends[j].end[0], key)) {
+        if ((tag >> 1) == want && group_holds(x, t.ends[j], key)) {
             return &t.ends[j];
         }
     }
@@ -339,13 +386,13 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
 
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
     GroupEnds *g = group_of(x, k.strong, key);
-    return g != nullptr ? g->end[front_side(x, g)] : nullptr;
+    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
 }
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
     x->groups.reserve_one();
     GroupEnds *g = group_of(x, k.strong, key, &k.vacancy);
-    return g != nullptr ? g->end[front_side(x, g)] : nullptr;
+    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
 }
 
 Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
@@ -358,7 +405,7 @@ Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
             *walk = true;
             return nullptr;
         }
-        if (g->end[0] == g->end[1]) return nullptr;
+        if (!g->several()) return nullptr;
         DupNode *n = slot_of(x->dups, previous);
         return n->link[1u - front_side(x, g)];
     }
@@ -395,14 +442,22 @@ void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
             groups.reserve_one();
             g = groups.place(tag);
         }
-        g->end[0] = e;
-        g->end[1] = e;
+        g->set_one(e, key_word(x, e));
         return;
     }
     const unsigned front = front_side(x, g);
-    Entry *old_front = g->end[front];
-    if (g->end[0] == g->end[1]) add_dup(x, old_front);
-    g->end[front] = e;  // before the dups table may move: g stays valid
+    Entry *old_front = g->end(front);
+    // Before the dups table may move: g stays valid.
+    if (!g->several()) {
+        if (front == 0) {
+            g->set_ends(e, old_front);
+        } else {
+            g->set_ends(old_front, e);
+        }
+        add_dup(x, old_front);
+    } else {
+        g->set_end(front, e);
+    }
     DupNode *n = add_dup(x, e);
     n->link[1u - front] = old_front;
     slot_of(x->dups, old_front)->link[front] = e;
@@ -427,7 +482,7 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
     x->prevs.erase(p);
 
     // Out of its group.
-    if (g->end[0] == g->end[1]) {
+    if (!g->several()) {
         x->groups.erase(g);
         return true;
     }
@@ -438,15 +493,19 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
     if (toward0 != nullptr) {
         slot_of(x->dups, toward0)->link[1] = toward1;
     } else {
-        g->end[0] = toward1;
+        g->set_end(0, toward1);
     }
     if (toward1 != nullptr) {
         slot_of(x->dups, toward1)->link[0] = toward0;
     } else {
-        g->end[1] = toward0;
+        g->set_end(1, toward0);
     }
-    // One entry left: it needs no neighbours.
-    if (g->end[0] == g->end[1]) x->dups.erase(slot_of(x->dups, g->end[0]));
+    // One entry left: it needs no neighbours, and the group keeps its key.
+    if (g->end(0) == g->end(1)) {
+        Entry *last = g->end(0);
+        x->dups.erase(slot_of(x->dups, last));
+        g->set_one(last, key_word(x, last));
+    }
     return true;
 }
 
