@@ -188,8 +188,6 @@ namespace {
 // Tables that have an index, and the last one asked about: most programs
 // work on one table at a time.
 constinit Probe<TableSlot> indexed_tables;
-constinit const QOR_ASSOC_table *last_table = nullptr;
-constinit AssocIndex *last_index = nullptr;
 
 inline const char *key_text(const Entry *e) {
     return reinterpret_cast<const StringEntry *>(e)->key;
@@ -321,6 +319,8 @@ void build_prevs(AssocIndex *x, QOR_ASSOC_table *t) {
 
 }  // namespace
 
+constinit LastIndexed last_indexed = {nullptr, nullptr};
+
 AssocIndex *index_create(QOR_ASSOC_table *t) {
     const QOR_ASSOC_key_type *kt = t->key_type;
     const bool strings =
@@ -332,21 +332,18 @@ AssocIndex *index_create(QOR_ASSOC_table *t) {
     TableSlot *s = indexed_tables.place(address_hash(t));
     s->table = t;
     s->index = x;
-    last_table = t;
-    last_index = x;
+    last_indexed = {t, x};
     return x;
 }
 
-AssocIndex *index_of(const QOR_ASSOC_table *t) {
-    if (t == last_table) return last_index;
+AssocIndex *index_search(const QOR_ASSOC_table *t) {
     if (indexed_tables.slots == nullptr) return nullptr;
     const uint64_t mask = indexed_tables.mask;
     for (uint64_t j = address_hash(t) & mask;; j = (j + 1) & mask) {
         TableSlot *s = &indexed_tables.slots[j];
         if (s->empty()) return nullptr;
         if (s->table == t) {
-            last_table = t;
-            last_index = s->index;
+            last_indexed = {t, s->index};
             return s->index;
         }
     }
@@ -362,8 +359,7 @@ void index_destroy(QOR_ASSOC_table *t) {
             break;
         }
     }
-    last_table = nullptr;
-    last_index = nullptr;
+    last_indexed = {nullptr, nullptr};
     x->groups.release();
     x->dups.release();
     x->prevs.release();
@@ -387,6 +383,10 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
     GroupEnds *g = group_of(x, k.strong, key);
     return g != nullptr ? g->end(front_side(x, g)) : nullptr;
+}
+
+Entry *index_find_key(AssocIndex *x, const void *key) {
+    return index_find(x, index_key(x, key), key);
 }
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {

@@ -50,8 +50,21 @@ struct IndexedKey {
 // The index of a table, or null when its key type keeps the plain walk.
 // Created with the table, dropped at its destruction.
 AssocIndex *index_create(QOR_ASSOC_table *t);
-AssocIndex *index_of(const QOR_ASSOC_table *t);
 void index_destroy(QOR_ASSOC_table *t);
+
+// The last table asked about and its index: most programs work on one
+// table at a time, so the question is mostly answered here, inline.
+struct LastIndexed {
+    const QOR_ASSOC_table *table;
+    AssocIndex *index;
+};
+extern constinit LastIndexed last_indexed;
+AssocIndex *index_search(const QOR_ASSOC_table *t);
+
+inline AssocIndex *index_of(const QOR_ASSOC_table *t) {
+    if (t == last_indexed.table) return last_indexed.index;
+    return index_search(t);
+}
 
 // The strong hash of a key (its chain hash comes later, when needed).
 IndexedKey index_key(const AssocIndex *x, const void *key);
@@ -61,6 +74,9 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key);
 
 // The first entry in chain order holding `key`, or null.
 Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key);
+
+// The same from the key alone: a find's whole search in one call.
+Entry *index_find_key(AssocIndex *x, const void *key);
 
 // The same for a search that an insertion of `key` may follow: makes room
 // for a new group first and notes where it would go.
