@@ -536,9 +536,12 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
 
 QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
                                       const void *key) {
-    AssocIndex *x = qor::containers::index_of(table);
-    Entry *e = x != nullptr ? qor::containers::index_find_key(x, key)
-                            : lookup(table, table->key_type->hash(table, key), key);
+    Entry *e;
+    if (AssocIndex *x = qor::containers::index_of(table)) {
+        e = qor::containers::index_find_key(x, key);
+    } else {
+        e = lookup(table, table->key_type->hash(table, key), key);
+    }
     if (table->trace) {
         if (e != nullptr) {
             trace_entry(table, "found ", e);

@@ -185,8 +185,8 @@ struct AssocIndex {
 
 namespace {
 
-// Tables that have an index, and the last one asked about: most programs
-// work on one table at a time.
+// Tables that have an index (the last one asked about is also kept in
+// last_indexed, for the inline check).
 constinit Probe<TableSlot> indexed_tables;
 
 inline const char *key_text(const Entry *e) {

@@ -73,7 +73,8 @@ bool still_slot_of(const PathSlot *slot, const ObjectLock *e) {
     const auto at = reinterpret_cast<uintptr_t>(slot);
     const auto first = reinterpret_cast<uintptr_t>(by_path.slots);
     return by_path.slots != nullptr && at >= first &&
-           at <= first + by_path.mask * sizeof(PathSlot) && slot->entry == e;
+           at <= first + by_path.mask * sizeof(PathSlot) &&
+           (at - first) % sizeof(PathSlot) == 0 && slot->entry == e;
 }
 
 // Unlinks the entry, closes its ".lock" (dropping any lock) and frees it.
