@@ -2,7 +2,9 @@
  * allocator (fixed-size records from bitmapped blocks).
  *
  * Neither is thread-safe: an allocator, and the shared freestore above all,
- * is meant for one thread at a time. What an allocator hands out belongs to
+ * is meant for one thread at a time, and static allocators share hints and
+ * indexes among themselves, so all of them are used from one thread at a
+ * time. What an allocator hands out belongs to
  * it: pieces go with an empty, a destroy or a restore past them, records
  * with QOR_SA_release or QOR_SA_destroy; none is freed with free() or
  * QOR_free. */
