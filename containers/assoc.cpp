@@ -177,11 +177,11 @@ Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
 
 // The first entry in chain order that holds the key: what the chain walk
 // finds, through the index where the table has one.
-Entry *lookup(QOR_ASSOC_table *t, const Hashed &h, const void *key) {
-    if (h.index != nullptr) {
-        return qor::containers::index_find(h.index, h.key, key);
+Entry *find_first(QOR_ASSOC_table *t, const void *key) {
+    if (AssocIndex *x = qor::containers::index_of(t)) {
+        return qor::containers::index_find_key(x, key);
     }
-    return lookup(t, h.key.hash, key);
+    return lookup(t, t->key_type->hash(t, key), key);
 }
 
 // The same, for an insertion that follows when nothing is found: the index
@@ -536,12 +536,7 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
 
 QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
                                       const void *key) {
-    Entry *e;
-    if (AssocIndex *x = qor::containers::index_of(table)) {
-        e = qor::containers::index_find_key(x, key);
-    } else {
-        e = lookup(table, table->key_type->hash(table, key), key);
-    }
+    Entry *e = find_first(table, key);
     if (table->trace) {
         if (e != nullptr) {
             trace_entry(table, "found ", e);
@@ -559,7 +554,7 @@ QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,
                                           QOR_ASSOC_entry *previous) {
     Entry *e;
     if (previous == nullptr) {
-        e = lookup(table, hash_key(table, key), key);
+        e = find_first(table, key);
     } else {
         // The hash is the previous entry's own: the key is not hashed again.
         Entry *p = previous;

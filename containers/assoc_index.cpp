@@ -288,6 +288,11 @@ inline unsigned front_side(const AssocIndex *x, const GroupEnds *g) {
     return (x->growths ^ x->groups.parity(g)) & 1u;
 }
 
+// The group's first entry in chain order now; null for no group.
+inline Entry *front_entry(const AssocIndex *x, const GroupEnds *g) {
+    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
+}
+
 DupNode *add_dup(AssocIndex *x, Entry *e) {
     x->dups.reserve_one();
     DupNode *n = x->dups.place(address_hash(e));
@@ -380,19 +385,13 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
     return k.hash;
 }
 
-Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key) {
-    GroupEnds *g = group_of(x, k.strong, key);
-    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
-}
-
 Entry *index_find_key(AssocIndex *x, const void *key) {
-    return index_find(x, index_key(x, key), key);
+    return front_entry(x, group_of(x, index_key(x, key).strong, key));
 }
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
     x->groups.reserve_one();
-    GroupEnds *g = group_of(x, k.strong, key, &k.vacancy);
-    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
+    return front_entry(x, group_of(x, k.strong, key, &k.vacancy));
 }
 
 Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,

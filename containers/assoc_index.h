@@ -72,10 +72,8 @@ IndexedKey index_key(const AssocIndex *x, const void *key);
 // The chain hash of a key (what the key type's hash function gives).
 uint64_t index_chain_hash(IndexedKey &k, const void *key);
 
-// The first entry in chain order holding `key`, or null.
-Entry *index_find(AssocIndex *x, const IndexedKey &k, const void *key);
-
-// The same from the key alone: a find's whole search in one call.
+// The first entry in chain order holding `key`, or null: a find's whole
+// search in one call.
 Entry *index_find_key(AssocIndex *x, const void *key);
 
 // The same for a search that an insertion of `key` may follow: makes room
