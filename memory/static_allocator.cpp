@@ -130,7 +130,11 @@ constexpr uint32_t kNoIndex = UINT32_MAX;
 //  - a map from address granules to blocks: a granule is the power of two at
 //    least as large as an extension block's span, so a block touches at most
 //    two granules and a granule meets at most three blocks (block 0, whose
-//    span may differ, is tested first on its own);
+//    span may differ, is tested first on its own). One slot per granule
+//    lists its blocks, homed at the granule's number itself: blocks come
+//    from the heap mostly side by side, their granules are consecutive
+//    numbers, and consecutive numbers take consecutive slots, so a lookup
+//    finds its granule at the first slot it reads;
 //  - a summary of the bitmap in two levels: bit w of level 1 is set when
 //    bitmap word w may have a free record (every word above the hint's that
 //    has one is marked; a mark left on a word that filled up is cleared by
@@ -153,11 +157,20 @@ inline bool wants_index(const QOR_SA_allocator *sa) {
            total_records(sa) >= kIndexedRecords;
 }
 
+// At most three blocks meet a granule: one that began before it, and two
+// that begin in it, since a span is more than half a granule.
+constexpr unsigned kBlocksPerGranule = 3;
+
+// The slot of granule number key - 1 (0: empty). Its high bits are folded
+// in, so that granules far apart (blocks mapped apart from the heap) do not
+// all meet at the same few homes.
+inline uint64_t granule_home(uint64_t key) { return key ^ (key >> 24); }
+
 struct Granule {
-    uint64_t key;    // granule number + 1; 0: empty
-    uint32_t block;  // a block that meets the granule
+    uint64_t key;  // granule number + 1; 0: empty
+    uint32_t block[kBlocksPerGranule];  // the blocks that meet it; kNoIndex after
     bool empty() const { return key == 0; }
-    uint64_t home() const { return qor::mix(key); }
+    uint64_t home() const { return granule_home(key); }
 };
 
 struct SideIndex {
@@ -206,14 +219,33 @@ uint64_t extension_span(const QOR_SA_allocator *sa) {
     return uint64_t{sa->extension_entries} * sa->structure_size;
 }
 
+// The slot of granule key - 1, or null.
+inline const Granule *granule_find(const SideIndex *x, uint64_t key) {
+    const auto &granules = x->granules;
+    if (granules.slots == nullptr) return nullptr;
+    for (uint64_t j = granule_home(key) & granules.mask;;
+         j = (j + 1) & granules.mask) {
+        const Granule *g = &granules.slots[j];
+        if (g->key == key) return g;
+        if (g->empty()) return nullptr;
+    }
+}
+
 void granules_add(SideIndex *x, uint32_t block, uintptr_t base, uint64_t span) {
     const uint64_t first = base >> x->shift;
     const uint64_t last = (base + span - 1) >> x->shift;
     for (uint64_t g = first; g <= last; ++g) {
-        x->granules.reserve_one();
-        Granule *slot = x->granules.place(qor::mix(g + 1));
-        slot->key = g + 1;
-        slot->block = block;
+        auto *slot = const_cast<Granule *>(granule_find(x, g + 1));
+        if (slot == nullptr) {
+            x->granules.reserve_one();
+            slot = x->granules.place(granule_home(g + 1));
+            slot->key = g + 1;
+            for (uint32_t &b : slot->block) b = kNoIndex;
+        }
+        // Blocks are disjoint, so the granule has room for this one.
+        unsigned i = 0;
+        while (i + 1 < kBlocksPerGranule && slot->block[i] != kNoIndex) ++i;
+        slot->block[i] = block;
     }
 }
 
@@ -410,21 +442,16 @@ __attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
             return first_index + position_of(address - base, sa->structure_size);
         }
         const SideIndex *x = side_of(sa);
-        const uint64_t key = (address >> x->shift) + 1;
-        const auto &granules = x->granules;
+        const Granule *g = granule_find(x, (address >> x->shift) + 1);
+        if (g == nullptr) return kNoIndex;
         block = blocks;
-        if (granules.slots != nullptr) {
-            for (uint64_t j = qor::mix(key) & granules.mask;;
-                 j = (j + 1) & granules.mask) {
-                const Granule &g = granules.slots[j];
-                if (g.empty()) break;
-                if (g.key != key) continue;
-                const uintptr_t b = reinterpret_cast<uintptr_t>(array[g.block]);
-                if (address - b < span) {
-                    block = g.block;
-                    base = b;
-                    break;
-                }
+        for (const uint32_t b : g->block) {
+            if (b == kNoIndex) break;
+            const uintptr_t start = reinterpret_cast<uintptr_t>(array[b]);
+            if (address - start < span) {
+                block = b;
+                base = start;
+                break;
             }
         }
         if (block == blocks) return kNoIndex;
