@@ -627,9 +627,15 @@ inline uint32_t take_record(QOR_SA_allocator *sa) {
         // whole words, so the records end on a word boundary.
         const uint32_t words = total_records(sa) / kBits;
         if (wants_index(sa)) {
-            word = next_free_word(side_of(sa), bitmaps, word + 1, words);
+            SideIndex *x = side_of(sa);
+            word = next_free_word(x, bitmaps, word + 1, words);
             if (word == kNoIndex) [[unlikely]] return free_count_wrong();
             free_bits = bitmaps[word];
+            // The word found becomes the hint's, which needs no mark: its
+            // mark goes now, rather than be found stale by a later search
+            // once the word is full. Should the hint drop below the word
+            // while it still has free records, the word is marked again.
+            summary_clear(x, word);
         } else {
             do {
                 if (++word >= words) [[unlikely]] return free_count_wrong();
