@@ -417,8 +417,7 @@ void forget_block_hint(const QOR_SA_allocator *sa) {
 // pointer may belong to anything at all: one below a block wraps round to a
 // huge offset and fails the range test as well. Block 0 is tested first,
 // then the blocks that meet the address's granule.
-__attribute__((noinline)) uint32_t search_blocks(const QOR_SA_allocator *sa,
-                                                 uintptr_t address) {
+inline uint32_t search_blocks(const QOR_SA_allocator *sa, uintptr_t address) {
     const uint32_t blocks = sa->blocks_in_use;
     if (blocks == 0) return kNoIndex;
     void *const *array = sa->blocks;
