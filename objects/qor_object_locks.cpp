@@ -48,9 +48,11 @@ struct PathSlot {
 };
 constinit qor::Probe<PathSlot> by_path;
 
-uint64_t path_hash(const char *path) {
-    return qor::bytes_hash(path, strlen(path));
+uint64_t path_hash(const char *path, size_t n) {
+    return qor::bytes_hash(path, n);
 }
+
+uint64_t path_hash(const char *path) { return path_hash(path, strlen(path)); }
 
 PathSlot *slot_of(const char *absolute, uint64_t hash) {
     if (by_path.slots == nullptr) return nullptr;
@@ -111,8 +113,12 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     if (!lockable(type)) return not_lockable(path, type, QOR_CTX_LOCK_OBJECT);
     const char *absolute = QOR_SH_qor_to_absolute_qor(path);
     if (absolute == nullptr) return QOR_E_UNTRANSLATABLE;
+    // The path's length and hash serve the search, the ".lock" path and
+    // the new entry alike.
+    const size_t n = strlen(absolute);
+    const uint64_t hash = path_hash(absolute, n);
 
-    if (PathSlot *slot = find(absolute)) {
+    if (PathSlot *slot = slot_of(absolute, hash)) {
         ObjectLock *e = slot->entry;
         if (exclusive(request) && e->writable == 0) {
             const char *os = QOR_SH_qor_to_os(path, type);
@@ -125,8 +131,7 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     }
 
     // QOR_SH_lock_path(path): the absolute path, "/", the member's name.
-    const char *lock_path = join_in_shared(absolute, strlen(absolute), kLock,
-                                           sizeof kLock - 1);
+    const char *lock_path = join_in_shared(absolute, n, kLock, sizeof kLock - 1);
     int32_t writable = 1;
     if (!exclusive(request)) {
         const int status = QOR_is_accessible(lock_path, QOR_PLAIN_FILE,
@@ -147,7 +152,6 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     e->next = table_head;
     if (table_head != nullptr) table_head->previous = e;
     table_head = e;
-    const uint64_t hash = path_hash(e->path);
     by_path.reserve_one();
     PathSlot *slot = by_path.place(hash);
     slot->hash = hash;
