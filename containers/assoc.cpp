@@ -193,26 +193,53 @@ Entry *lookup_to_insert(QOR_ASSOC_table *t, Hashed &h, const void *key) {
     return lookup(t, h.key.hash, key);
 }
 
+// Chains of a few of the old buckets walked side by side when a table
+// grows: a chain is a walk from entry to entry, each load waiting for the
+// last, and chains made long by the key hash would otherwise be walked one
+// cache miss at a time. With several under way, their misses overlap.
+constexpr int kLanes = 8;
+
 // Doubles the bucket array (more than once if the count asks for it) and
 // moves every entry over. Entries are pushed onto the heads of their new
 // chains in old-chain order, so entries that meet again come out reversed.
+// Entries of one old chain only ever meet entries of the same old chain
+// (the new bucket keeps the old one's bits), so walking several old chains
+// at once, each in its own order, gives every new chain the same order as
+// walking them one after another.
 void grow(QOR_ASSOC_table *t) {
     const uint64_t old_buckets = t->mask + 1;
     uint64_t buckets = 2 * old_buckets;
     while (static_cast<uint64_t>(t->count) > buckets) buckets *= 2;
     Entry **old = t->buckets;
     t->mask = buckets - 1;
+    const uint64_t mask = t->mask;
     Entry **fresh = t->key_type->hash_alloc(
         t, static_cast<uint32_t>(buckets * sizeof(Entry *)));
-    for (uint64_t b = 0; b < old_buckets; ++b) {
-        if (b + kAhead < old_buckets) prefetch(old[b + kAhead]);
-        Entry *e = old[b];
-        while (e != nullptr) {
+    Entry *lane[kLanes] = {};
+    uint64_t b = 0;  // the next old bucket to start
+    // The next non-empty old chain, or null when none is left.
+    auto next_chain = [&]() -> Entry * {
+        while (b < old_buckets) {
+            if (b + kAhead < old_buckets) prefetch(old[b + kAhead]);
+            if (Entry *e = old[b++]) return e;
+        }
+        return nullptr;
+    };
+    int busy = 0;
+    for (Entry *&e : lane) {
+        e = next_chain();
+        if (e != nullptr) busy += 1;
+    }
+    while (busy != 0) {
+        for (Entry *&e : lane) {
+            if (e == nullptr) continue;
             Entry *following = next_of(e);
-            const uint64_t i = e->hash & t->mask;
+            prefetch(following);
+            const uint64_t i = e->hash & mask;
             e->next = fresh[i];
             fresh[i] = e;
-            e = following;
+            e = following != nullptr ? following : next_chain();
+            if (e == nullptr) busy -= 1;
         }
     }
     t->buckets = fresh;
