@@ -141,6 +141,9 @@ TEST_F(TxtCrash, KilledFromOutside200Times) {
     const std::string b = lines_of(100, 1 << 20, 'b');
     write_file(P(), a);
     std::mt19937 random(20261125);
+    // A save runs tens of times slower under valgrind: the kills' window
+    // widens with it, so that they still land among the first saves.
+    const unsigned window_us = qor_test::under_valgrind() ? 1000000 : 20000;
     int killed_mid_save = 0;
     for (int round = 0; round < 200; ++round) {
         Partner saver([&](Partner &p) {
@@ -152,7 +155,7 @@ TEST_F(TxtCrash, KilledFromOutside200Times) {
         ASSERT_EQ(saver.receive(), 'S');
         // A random moment within the first few saves.
         std::this_thread::sleep_for(
-            std::chrono::microseconds(random() % 20000));
+            std::chrono::microseconds(random() % window_us));
         ::kill(saver.pid(), SIGKILL);
         EXPECT_EQ(saver.finish(), 128 + SIGKILL);
         if (exists(ctrl())) ++killed_mid_save;
@@ -161,8 +164,9 @@ TEST_F(TxtCrash, KilledFromOutside200Times) {
             << "round " << round << ": " << got.size() << " bytes";
         EXPECT_FALSE(exists(ctrl()));
     }
-    // The kills did land inside saves.
-    EXPECT_GT(killed_mid_save, 20);
+    // The kills did land inside saves: natively one in ten at least; under
+    // valgrind, whose slowing stretches a save's steps unevenly, some.
+    EXPECT_GT(killed_mid_save, qor_test::under_valgrind() ? 0 : 20);
 }
 
 // One reader and one writable repairing reader race a saver for 30

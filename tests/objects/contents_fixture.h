@@ -24,8 +24,8 @@ namespace objects_test {
 
 // A second process running body(partner), talking with the test over two
 // pipes: the child tells and hears single bytes, the test receives and
-// sends them. The child ends with _exit(body's result) and never returns
-// into the test program.
+// sends them. The child ends with body's result as its status (end_child)
+// and never returns into the test program.
 class Partner {
   public:
     explicit Partner(const std::function<int(Partner &)> &body) {
@@ -41,8 +41,7 @@ class Partner {
             ::close(to_child_[1]);
             ::close(to_parent_[0]);
             child_ = true;
-            const int code = body(*this);
-            _exit(code);
+            qor_test::end_child(body(*this));
         }
         ::close(to_child_[0]);
         ::close(to_parent_[1]);

@@ -35,6 +35,12 @@ ChildResult run_as_unprivileged(const std::function<void()> &fn);
 // blocks out of circulation and replaces the program's own.
 bool under_valgrind();
 
+// Ends a forked child with `status`, never returning into the test program
+// and running no exit handlers: _exit, or under valgrind a native shell
+// that exits with the status, since valgrind's end-of-run leak check would
+// count the blocks the child inherited from the test as its own leaks.
+[[noreturn]] void end_child(int status);
+
 // The user and group that run_as_unprivileged switches to.
 uid_t unprivileged_uid();
 gid_t unprivileged_gid();
