@@ -261,9 +261,10 @@ Entry *add_entry(QOR_ASSOC_table *t, Hashed h, const void *key,
         grow(t);
     }
     const QOR_ASSOC_key_type *kt = t->key_type;
+    const uint64_t i = hash & t->mask;
+    prefetch(&t->buckets[i]);  // read once the entry is allocated
     Entry *e = kt->entry_alloc(t, kt->entry_size, key, value);
     e->hash = hash;
-    const uint64_t i = hash & t->mask;
     e->next = t->buckets[i];
     t->buckets[i] = e;
     t->count += 1;

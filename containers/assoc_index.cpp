@@ -391,7 +391,11 @@ Entry *index_find_key(AssocIndex *x, const void *key) {
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
     x->groups.reserve_one();
-    return front_entry(x, group_of(x, k.strong, key, &k.vacancy));
+    Entry *e = front_entry(x, group_of(x, k.strong, key, &k.vacancy));
+    // The new group's words are written once the entry is allocated: their
+    // line is fetched meanwhile.
+    if (k.vacancy != 0) __builtin_prefetch(&x->groups.ends[k.vacancy - 1], 1);
+    return e;
 }
 
 Entry *index_find_after(AssocIndex *x, Entry *previous, const void *key,
