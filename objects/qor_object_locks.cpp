@@ -48,11 +48,9 @@ struct PathSlot {
 };
 constinit qor::Probe<PathSlot> by_path;
 
-uint64_t path_hash(const char *path, size_t n) {
-    return qor::bytes_hash(path, n);
+uint64_t path_hash(const char *path) {
+    return qor::bytes_hash(path, strlen(path));
 }
-
-uint64_t path_hash(const char *path) { return path_hash(path, strlen(path)); }
 
 PathSlot *slot_of(const char *absolute, uint64_t hash) {
     if (by_path.slots == nullptr) return nullptr;
@@ -116,7 +114,7 @@ int lock_object(const char *path, unsigned int type, unsigned int request) {
     // The path's length and hash serve the search, the ".lock" path and
     // the new entry alike.
     const size_t n = strlen(absolute);
-    const uint64_t hash = path_hash(absolute, n);
+    const uint64_t hash = qor::bytes_hash(absolute, n);
 
     if (PathSlot *slot = slot_of(absolute, hash)) {
         ObjectLock *e = slot->entry;
