@@ -40,13 +40,16 @@ struct PrevNode {
     uint64_t home() const { return address_hash(entry); }
 };
 
-// Per distinct key: a tag, 30 bits of the key's strong hash with a marker
-// bit (0 is an empty slot) and below them the parity of the table's growth
-// count the group was started under, and two words:
+// Per distinct key: a tag, 29 bits of the key's strong hash with a marker
+// bit (0 is an empty slot), a bit telling a string key of at most 8 bytes,
+// and below them the parity of the table's growth count the group was
+// started under, and two words:
 //
 //  - a key held by one entry (the usual case): the entry, and its key (the
-//    key text's address for strings, the key itself for longs), so that a
-//    search tells the key without reading the entry;
+//    key itself for longs and for strings of at most 8 bytes, packed into
+//    the word, else the key text's address), so that a search tells the
+//    key without reading the entry, and a short one without reading its
+//    text;
 //  - a key held by several: the two ends of the list of its entries, the
 //    first marked in bit 0 (entries are at least 4-byte aligned). The chain
 //    runs from end p to end 1 - p, p being the group's parity against the
@@ -82,8 +85,15 @@ struct GroupEnds {
     }
 };
 
-inline uint32_t tag_bits(uint64_t strong) {
-    return static_cast<uint32_t>(strong >> 34) | 0x40000000u;
+// String keys of up to this many bytes are kept whole in their group.
+constexpr size_t kPackedBytes = 8;
+
+// The tag of a key, without the parity bit. Whether a string key is kept
+// whole is part of it, so that a search only ever compares like with like:
+// a packed key with a packed one, a text with a text.
+inline uint32_t tag_bits(uint64_t strong, bool packed) {
+    return static_cast<uint32_t>(strong >> 35) | (packed ? 0x20000000u : 0u) |
+           0x40000000u;
 }
 
 struct GroupTable {
@@ -209,6 +219,22 @@ uint64_t middle_hash(const char *text, size_t n) {
     return h;
 }
 
+// The bytes of a string of n <= 8 bytes in a word, zeros after them: two
+// such strings are equal exactly when their words are (a string holds no
+// zero byte). Read with loads that may overlap, as the strong hash does.
+inline uint64_t pack(const char *text, size_t n) {
+    const auto *s = reinterpret_cast<const unsigned char *>(text);
+    if (n >= 4) {
+        uint32_t first, last;
+        memcpy(&first, s, 4);
+        memcpy(&last, s + n - 4, 4);
+        return first | (uint64_t{last} << ((n - 4) * 8));
+    }
+    uint64_t w = 0;
+    for (size_t i = 0; i < n; ++i) w |= uint64_t{s[i]} << (i * 8);
+    return w;
+}
+
 // The strong hash of a string key, with its length kept for the chain hash
 // (a serial chain of 14 steps, worked out only when a new entry needs it).
 IndexedKey string_key(const char *text) {
@@ -223,16 +249,28 @@ inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
     return e->hash == static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
 }
 
-// The key word a group of one entry keeps: what `key_of` gives.
-inline uintptr_t key_word(const AssocIndex *x, const Entry *e) {
-    return x->strings ? reinterpret_cast<uintptr_t>(key_text(e))
-                      : static_cast<uintptr_t>(e->hash);
+// Whether the index keeps the (string) key whole.
+inline bool packed_key(const AssocIndex *x, const IndexedKey &k) {
+    return x->strings && k.length <= kPackedBytes;
+}
+
+// The key word a group of one entry keeps, given the entry's prepared key.
+inline uintptr_t key_word(const AssocIndex *x, const Entry *e,
+                          const IndexedKey &k) {
+    if (!x->strings) return static_cast<uintptr_t>(e->hash);
+    return packed_key(x, k) ? static_cast<uintptr_t>(pack(key_text(e), k.length))
+                            : reinterpret_cast<uintptr_t>(key_text(e));
 }
 
 // Whether the group is the key's: from the kept key when it has one entry.
+// Its tag matched, so a packed key meets only packed keys. (The key is
+// packed here, not when it is prepared: most searches end at a tag.)
 inline bool group_holds(const AssocIndex *x, const GroupEnds &g,
-                        const void *key) {
+                        const void *key, const IndexedKey &k) {
     if (g.several()) return holds(x, g.end(0), key);
+    if (packed_key(x, k)) {
+        return g.word[1] == pack(static_cast<const char *>(key), k.length);
+    }
     if (x->strings) {
         return strcmp(reinterpret_cast<const char *>(g.word[1]),
                       static_cast<const char *>(key)) == 0;
@@ -240,8 +278,10 @@ inline bool group_holds(const AssocIndex *x, const GroupEnds &g,
     return g.word[1] == reinterpret_cast<uintptr_t>(key);
 }
 
-inline uint64_t strong_of_entry(const AssocIndex *x, const Entry *e) {
-    return x->strings ? string_key(key_text(e)).strong : long_strong(e->hash);
+// An entry's key, prepared as a search prepares it.
+inline IndexedKey key_of_entry(const AssocIndex *x, const Entry *e) {
+    if (x->strings) return string_key(key_text(e));
+    return {e->hash, long_strong(e->hash), 0, true, 0};
 }
 
 template <class Slot>
@@ -257,18 +297,18 @@ Slot *slot_of(Probe<Slot> &table, const Entry *e) {
 
 // The group of the key, or null; on a miss `*vacancy` (when given) is the
 // free slot that ended the search, plus one.
-GroupEnds *group_of(AssocIndex *x, uint64_t strong, const void *key,
+GroupEnds *group_of(AssocIndex *x, const IndexedKey &k, const void *key,
                     uint64_t *vacancy = nullptr) {
     const GroupTable &t = x->groups;
     if (t.tags == nullptr) return nullptr;
-    const uint32_t want = tag_bits(strong);
+    const uint32_t want = tag_bits(k.strong, packed_key(x, k));
     for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
         const uint32_t tag = t.tags[j];
         if (tag == 0) {
             if (vacancy != nullptr) *vacancy = j + 1;
             return nullptr;
         }
-        if ((tag >> 1) == want && group_holds(x, t.ends[j], key)) {
+        if ((tag >> 1) == want && group_holds(x, t.ends[j], key, k)) {
             return &t.ends[j];
         }
     }
@@ -280,7 +320,7 @@ inline const void *key_of(const AssocIndex *x, const Entry *e) {
 }
 
 GroupEnds *group_of_entry(AssocIndex *x, const Entry *e) {
-    return group_of(x, strong_of_entry(x, e), key_of(x, e));
+    return group_of(x, key_of_entry(x, e), key_of(x, e));
 }
 
 // The group's side that is first in chain order now.
@@ -386,12 +426,12 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
 }
 
 Entry *index_find_key(AssocIndex *x, const void *key) {
-    return front_entry(x, group_of(x, index_key(x, key).strong, key));
+    return front_entry(x, group_of(x, index_key(x, key), key));
 }
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
     x->groups.reserve_one();
-    Entry *e = front_entry(x, group_of(x, k.strong, key, &k.vacancy));
+    Entry *e = front_entry(x, group_of(x, k, key, &k.vacancy));
     // The new group's words are written once the entry is allocated: their
     // line is fetched meanwhile.
     if (k.vacancy != 0) __builtin_prefetch(&x->groups.ends[k.vacancy - 1], 1);
@@ -436,16 +476,17 @@ void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
     // A search just before may have found none and noted where one goes.
     GroupTable &groups = x->groups;
     GroupEnds *g =
-        k.vacancy != 0 ? nullptr : group_of(x, k.strong, key_of(x, e));
+        k.vacancy != 0 ? nullptr : group_of(x, k, key_of(x, e));
     if (g == nullptr) {
-        const uint32_t tag = (tag_bits(k.strong) << 1) | (x->growths & 1u);
+        const uint32_t tag =
+            (tag_bits(k.strong, packed_key(x, k)) << 1) | (x->growths & 1u);
         if (k.vacancy != 0) {
             g = groups.occupy(k.vacancy - 1, tag);
         } else {
             groups.reserve_one();
             g = groups.place(tag);
         }
-        g->set_one(e, key_word(x, e));
+        g->set_one(e, key_word(x, e, k));
         return;
     }
     const unsigned front = front_side(x, g);
@@ -507,7 +548,7 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
     if (g->end(0) == g->end(1)) {
         Entry *last = g->end(0);
         x->dups.erase(slot_of(x->dups, last));
-        g->set_one(last, key_word(x, last));
+        g->set_one(last, key_word(x, last, key_of_entry(x, last)));
     }
     return true;
 }
@@ -520,6 +561,11 @@ void index_regrown(AssocIndex *x, QOR_ASSOC_table *) {
         x->prevs.release();
         x->prevs_valid = false;
     }
+}
+
+uint32_t string_key_tag(const char *text) {
+    const IndexedKey k = string_key(text);
+    return tag_bits(k.strong, k.length <= kPackedBytes);
 }
 
 void index_cleared(AssocIndex *x) {

@@ -93,4 +93,9 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e);
 void index_regrown(AssocIndex *x, QOR_ASSOC_table *t);
 void index_cleared(AssocIndex *x);
 
+// The tag a string key is filed under, without the parity bit: keys whose
+// tags agree are told apart by the key kept in their group (for the tests,
+// which look for such keys).
+uint32_t string_key_tag(const char *text);
+
 }  // namespace qor::containers

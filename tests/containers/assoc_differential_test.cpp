@@ -328,9 +328,10 @@ struct KeySet {
     }
 };
 
-// Short numbered keys, the empty key, and many long keys whose middle 14
-// bytes are the same (one chain for all of them, told apart only by their
-// ends), some differing only in their last byte.
+// Short numbered keys, the empty key, keys of every length up to 10 bytes,
+// and many long keys whose middle 14 bytes are the same (one chain for all
+// of them, told apart only by their ends), some differing only in their
+// last byte.
 KeySet string_keys() {
     KeySet k{true, {}, {}};
     char buf[96];
@@ -348,6 +349,19 @@ KeySet string_keys() {
     }
     k.texts.push_back("");
     k.texts.push_back("a");
+    // Keys of up to 8 bytes are kept whole by the index, longer ones by
+    // address: every length around that edge, keys that differ only in
+    // their first or last byte, a key that is another's prefix, and bytes
+    // from the high half.
+    const std::string letters = "abcdefghij";
+    for (size_t n = 2; n <= letters.size(); ++n) {
+        k.texts.push_back(letters.substr(0, n));
+    }
+    k.texts.push_back("abcdefgX");
+    k.texts.push_back("Xbcdefgh");
+    k.texts.push_back("abcX");
+    k.texts.push_back("\x80\xff\x01");
+    k.texts.push_back("\xff\xff\xff\xff\xff\xff\xff\xff");
     return k;
 }
 
