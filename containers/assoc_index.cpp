@@ -88,12 +88,9 @@ struct GroupEnds {
 // String keys of up to this many bytes are kept whole in their group.
 constexpr size_t kPackedBytes = 8;
 
-// The tag of a key, without the parity bit. Whether a string key is kept
-// whole is part of it, so that a search only ever compares like with like:
-// a packed key with a packed one, a text with a text.
-inline uint32_t tag_bits(uint64_t strong, bool packed) {
-    return static_cast<uint32_t>(strong >> 35) | (packed ? 0x20000000u : 0u) |
-           0x40000000u;
+// Whether a key of the index's kind and this length is kept whole.
+inline bool packs(bool strings, size_t length) {
+    return strings && length <= kPackedBytes;
 }
 
 struct GroupTable {
@@ -235,6 +232,14 @@ inline uint64_t pack(const char *text, size_t n) {
     return w;
 }
 
+// The tag of a prepared key, without the parity bit. Whether a string key
+// is kept whole is part of it, so that a search only ever compares like
+// with like: a packed key with a packed one, a text with a text.
+inline uint32_t tag_bits(bool strings, const IndexedKey &k) {
+    return static_cast<uint32_t>(k.strong >> 35) |
+           (packs(strings, k.length) ? 0x20000000u : 0u) | 0x40000000u;
+}
+
 // The strong hash of a string key, with its length kept for the chain hash
 // (a serial chain of 14 steps, worked out only when a new entry needs it).
 IndexedKey string_key(const char *text) {
@@ -249,17 +254,12 @@ inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
     return e->hash == static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
 }
 
-// Whether the index keeps the (string) key whole.
-inline bool packed_key(const AssocIndex *x, const IndexedKey &k) {
-    return x->strings && k.length <= kPackedBytes;
-}
-
-// The key word a group of one entry keeps, given the entry's prepared key.
-inline uintptr_t key_word(const AssocIndex *x, const Entry *e,
-                          const IndexedKey &k) {
+// The key word a group of one entry keeps, given the length of its key.
+inline uintptr_t key_word(const AssocIndex *x, const Entry *e, size_t length) {
     if (!x->strings) return static_cast<uintptr_t>(e->hash);
-    return packed_key(x, k) ? static_cast<uintptr_t>(pack(key_text(e), k.length))
-                            : reinterpret_cast<uintptr_t>(key_text(e));
+    const char *text = key_text(e);
+    return packs(true, length) ? static_cast<uintptr_t>(pack(text, length))
+                               : reinterpret_cast<uintptr_t>(text);
 }
 
 // Whether the group is the key's: from the kept key when it has one entry.
@@ -268,7 +268,7 @@ inline uintptr_t key_word(const AssocIndex *x, const Entry *e,
 inline bool group_holds(const AssocIndex *x, const GroupEnds &g,
                         const void *key, const IndexedKey &k) {
     if (g.several()) return holds(x, g.end(0), key);
-    if (packed_key(x, k)) {
+    if (packs(x->strings, k.length)) {
         return g.word[1] == pack(static_cast<const char *>(key), k.length);
     }
     if (x->strings) {
@@ -301,7 +301,7 @@ GroupEnds *group_of(AssocIndex *x, const IndexedKey &k, const void *key,
                     uint64_t *vacancy = nullptr) {
     const GroupTable &t = x->groups;
     if (t.tags == nullptr) return nullptr;
-    const uint32_t want = tag_bits(k.strong, packed_key(x, k));
+    const uint32_t want = tag_bits(x->strings, k);
     for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
         const uint32_t tag = t.tags[j];
         if (tag == 0) {
@@ -478,15 +478,14 @@ void index_linked(AssocIndex *x, Entry *e, const IndexedKey &k) {
     GroupEnds *g =
         k.vacancy != 0 ? nullptr : group_of(x, k, key_of(x, e));
     if (g == nullptr) {
-        const uint32_t tag =
-            (tag_bits(k.strong, packed_key(x, k)) << 1) | (x->growths & 1u);
+        const uint32_t tag = (tag_bits(x->strings, k) << 1) | (x->growths & 1u);
         if (k.vacancy != 0) {
             g = groups.occupy(k.vacancy - 1, tag);
         } else {
             groups.reserve_one();
             g = groups.place(tag);
         }
-        g->set_one(e, key_word(x, e, k));
+        g->set_one(e, key_word(x, e, k.length));
         return;
     }
     const unsigned front = front_side(x, g);
@@ -548,7 +547,8 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e) {
     if (g->end(0) == g->end(1)) {
         Entry *last = g->end(0);
         x->dups.erase(slot_of(x->dups, last));
-        g->set_one(last, key_word(x, last, key_of_entry(x, last)));
+        const size_t length = x->strings ? strlen(key_text(last)) : 0;
+        g->set_one(last, key_word(x, last, length));
     }
     return true;
 }
@@ -564,8 +564,7 @@ void index_regrown(AssocIndex *x, QOR_ASSOC_table *) {
 }
 
 uint32_t string_key_tag(const char *text) {
-    const IndexedKey k = string_key(text);
-    return tag_bits(k.strong, k.length <= kPackedBytes);
+    return tag_bits(true, string_key(text));
 }
 
 void index_cleared(AssocIndex *x) {
