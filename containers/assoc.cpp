@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "containers/assoc_index.h"
@@ -124,6 +125,78 @@ inline void prefetch_key(const Entry *e) {
             reinterpret_cast<const StringEntry *>(e)->key);
         prefetch(reinterpret_cast<const void *>(key - 16));
     }
+}
+
+// Clearing a large table of the library's own key types. Its chains are
+// walked one entry after the other, each a load from anywhere in the heap
+// (keys that differ at their ends share long chains), and frees in chain
+// order leave the allocator to merge its small free blocks in that same
+// scattered order when the bucket array is freed, one dependent load after
+// the other. The library's own entry_free functions only give memory back,
+// so the order of their frees is the heap's business alone: the index lists
+// the entries without a walk, they are sorted by address, and freed in that
+// order. The caller sees the same outcome: every entry freed by its
+// entry_free, every bucket empty. Other key types have no index and keep
+// the walk.
+constexpr int32_t kSortedClearMin = 4096;
+
+// Sorts `from` into `to` by the bits [low, low + bits) of each address: a
+// counting sort (stable), with room for 2^bits + 1 counts in `next`.
+void sort_by_bits(Entry *const *from, Entry **to, uint64_t n, unsigned low,
+                  unsigned bits, uint64_t *next) {
+    const uint64_t digits = uint64_t{1} << bits;
+    memset(next, 0, (digits + 1) * sizeof(uint64_t));
+    const auto digit = [low, digits](const Entry *e) {
+        return (reinterpret_cast<uintptr_t>(e) >> low) & (digits - 1);
+    };
+    for (uint64_t i = 0; i < n; ++i) next[digit(from[i]) + 1] += 1;
+    for (uint64_t d = 0; d < digits; ++d) next[d + 1] += next[d];
+    for (uint64_t i = 0; i < n; ++i) to[next[digit(from[i])]++] = from[i];
+}
+
+bool clear_in_address_order(QOR_ASSOC_table *t, bool key_copies) {
+    const auto entry_free = t->key_type->entry_free;
+    const auto n = static_cast<uint64_t>(t->count);
+    // The bucket array is the sort's second buffer: a table of fixed size
+    // fuller than its buckets keeps the walk.
+    if (t->count < kSortedClearMin || n > t->mask + 1 ||
+        (!key_copies && entry_free != QOR_ASSOC_entry_free)) {
+        return false;
+    }
+    AssocIndex *x = qor::containers::index_of(t);
+    if (x == nullptr) return false;
+    // Addresses are sorted from the cache line up, over about the span the
+    // entries and their keys take (some 128 bytes an entry): two digits of
+    // at most 12 bits; beyond that span the order wraps round.
+    constexpr unsigned kLine = 6;
+    unsigned span = kLine + 2;
+    while ((uint64_t{1} << span) < n * 128 && span < kLine + 24) span += 1;
+    const unsigned low_bits = (span - kLine + 1) / 2;
+    const unsigned high_bits = span - kLine - low_bits;
+    // All scratch first: once the sort has written over the buckets there
+    // is no going back to the walk.
+    auto **list = static_cast<Entry **>(malloc(n * sizeof(Entry *)));
+    auto *next = static_cast<uint64_t *>(
+        malloc(((uint64_t{1} << low_bits) + 1) * sizeof(uint64_t)));
+    if (list == nullptr || next == nullptr ||
+        !qor::containers::index_entries(x, list, n)) {
+        free(list);
+        free(next);
+        return false;
+    }
+    sort_by_bits(list, t->buckets, n, kLine, low_bits, next);
+    sort_by_bits(t->buckets, list, n, kLine + low_bits, high_bits, next);
+    free(next);
+    const uint32_t entry_size = t->key_type->entry_size;
+    for (uint64_t i = 0; i < n; ++i) {
+        if (i + kAhead < n) prefetch(list[i + kAhead]);
+        if (key_copies && i + kAhead / 2 < n) prefetch_key(list[i + kAhead / 2]);
+        entry_free(t, handle(list[i]), entry_size);
+    }
+    memset(t->buckets, 0, (t->mask + 1) * sizeof(Entry *));
+    free(list);
+    qor::containers::index_cleared(x);
+    return true;
 }
 
 // "-- ASSOC table NAME: WHAT" followed by the key type's line for the entry.
@@ -540,6 +613,10 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
     const uint32_t entry_size = table->key_type->entry_size;
     // The library's string entries: their key copies are freed too.
     const bool key_copies = entry_free == QOR_ASSOC_string_free;
+    if (clear_in_address_order(table, key_copies)) {
+        table->count = 0;
+        return;
+    }
     for (uint64_t b = 0; b <= table->mask; ++b) {
         if (entry_free != nullptr && b + kAhead <= table->mask) {
             prefetch(table->buckets[b + kAhead]);

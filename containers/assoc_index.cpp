@@ -567,6 +567,37 @@ uint32_t string_key_tag(const char *text) {
     return tag_bits(true, string_key(text));
 }
 
+namespace {
+
+// Calls visit(e) for every entry of the index: the single entry of each
+// group of one, and every entry of keys held by several, which all have a
+// neighbours record.
+template <class Visit>
+void each_entry(const AssocIndex *x, Visit visit) {
+    const GroupTable &g = x->groups;
+    if (g.tags != nullptr) {
+        for (uint64_t j = 0; j <= g.mask; ++j) {
+            if (g.tags[j] != 0 && !g.ends[j].several()) visit(g.ends[j].end(0));
+        }
+    }
+    if (x->dups.slots != nullptr) {
+        for (uint64_t j = 0; j <= x->dups.mask; ++j) {
+            if (!x->dups.slots[j].empty()) visit(x->dups.slots[j].entry);
+        }
+    }
+}
+
+}  // namespace
+
+bool index_entries(const AssocIndex *x, Entry **out, uint64_t count) {
+    uint64_t k = 0;
+    each_entry(x, [&](Entry *e) {
+        if (k < count) out[k] = e;
+        k += 1;
+    });
+    return k == count;
+}
+
 void index_cleared(AssocIndex *x) {
     x->groups.reset();
     x->dups.reset();

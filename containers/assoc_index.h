@@ -93,6 +93,12 @@ bool index_unlink(AssocIndex *x, QOR_ASSOC_table *t, Entry *e);
 void index_regrown(AssocIndex *x, QOR_ASSOC_table *t);
 void index_cleared(AssocIndex *x);
 
+// Every entry of the table into out[0 .. count), in the order of the
+// index's arrays: a table's entries without its chains, and without loading
+// an entry. False when the index does not hold exactly `count` entries;
+// `out` may then have been written.
+bool index_entries(const AssocIndex *x, Entry **out, uint64_t count);
+
 // The tag a string key is filed under, without the parity bit: keys whose
 // tags agree are told apart by the key kept in their group (for the tests,
 // which look for such keys).

@@ -7,6 +7,7 @@
 // same. The library indexes its own key types beside the chains, so this is
 // what proves the index never changes an answer: duplicates, growth
 // reversals, removals during scans and find_dup from an entry of another key.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -736,4 +737,167 @@ TEST(AssocDifferential, AMillionDuplicatesOfTheEmptyKey) {
     EXPECT_EQ(t->count, 0);
     EXPECT_EQ(QOR_ASSOC_table_find(t, ""), nullptr);
     QOR_ASSOC_table_destroy(t);
+}
+
+// ---- Clearing large tables ------------------------------------------------
+//
+// A large table of the library's own key types is cleared from its index,
+// its entries freed in address order rather than along the chains. What
+// the caller sees stays the same: every entry and key copy given back,
+// every bucket empty, scans reset, the table as good as new.
+
+namespace {
+
+// Blocks allocated and not yet freed, from the calls counted by the test
+// support (heap statistics would count the allocator's caches as in use).
+long blocks_held() {
+    return qor_fault_calls(QF_malloc) - qor_fault_injected(QF_malloc) +
+           qor_fault_calls(QF_calloc) - qor_fault_injected(QF_calloc) -
+           qor_fault_frees();
+}
+
+struct LargeTable {
+    bool strings;
+    std::vector<std::string> texts;
+    std::vector<long> numbers;
+
+    const void *key(size_t i) const {
+        return strings ? static_cast<const void *>(texts[i].c_str())
+                       : reinterpret_cast<const void *>(numbers[i]);
+    }
+    size_t size() const { return strings ? texts.size() : numbers.size(); }
+};
+
+// Short keys (kept whole in the index) and long keys with one middle, or
+// numbers that meet in few buckets.
+LargeTable large_keys(bool strings, int n) {
+    LargeTable k{strings, {}, {}};
+    char buf[96];
+    for (int i = 0; i < n; ++i) {
+        if (!strings) {
+            k.numbers.push_back(static_cast<long>(i) * 4096 + (i % 3));
+        } else if (i % 2 == 0) {
+            snprintf(buf, sizeof buf, "k%06d", i);
+            k.texts.push_back(buf);
+        } else {
+            snprintf(buf, sizeof buf, "/srv/%06d/one-middle-for-all-of-them/%06d",
+                     i, i);
+            k.texts.push_back(buf);
+        }
+    }
+    return k;
+}
+
+// The chain walk's answer to a find.
+QOR_ASSOC_entry *walk_find(QOR_ASSOC_table *t, const LargeTable &k, size_t i) {
+    const uint64_t h = t->key_type->hash(t, k.key(i));
+    for (QOR_ASSOC_entry *e = t->buckets[h & t->mask]; e != nullptr;
+         e = e->next) {
+        if (e->hash == h && t->key_type->cmp(t, e, k.key(i)) != 0) return e;
+    }
+    return nullptr;
+}
+
+// Every key, every tenth held three times, every seventh removed once
+// (which makes the index keep chain predecessors), through growths.
+int fill(QOR_ASSOC_table *t, const LargeTable &k) {
+    for (size_t i = 0; i < k.size(); ++i) {
+        QOR_ASSOC_table_insert(t, k.key(i), val(i + 1), nullptr);
+        if (i % 10 == 0) {
+            QOR_ASSOC_table_insert_dup(t, k.key(i), val(i + 1));
+            QOR_ASSOC_table_insert_dup(t, k.key(i), val(i + 1));
+        }
+    }
+    for (size_t i = 0; i < k.size(); i += 7) {
+        QOR_ASSOC_table_remove(t, QOR_ASSOC_table_find(t, k.key(i)));
+    }
+    return t->count;
+}
+
+// Clears a filled table and checks what is left, then fills it again and
+// checks that finds are the walk's.
+void clear_and_check(QOR_ASSOC_table *t, const LargeTable &k) {
+    const int expected = fill(t, k);
+    ASSERT_EQ(t->count, expected);
+    QOR_ASSOC_scan *s = QOR_ASSOC_scan_create(t, nullptr);
+    ASSERT_NE(QOR_ASSOC_scan_next(s), nullptr);
+    QOR_ASSOC_table_clear(t);
+    EXPECT_EQ(t->count, 0);
+    for (uint64_t b = 0; b <= t->mask; ++b) ASSERT_EQ(t->buckets[b], nullptr) << b;
+    EXPECT_EQ(s->current, nullptr);
+    EXPECT_EQ(s->pending, 1);
+    EXPECT_EQ(QOR_ASSOC_scan_next(s), nullptr);
+    for (size_t i = 0; i < k.size(); ++i) {
+        ASSERT_EQ(QOR_ASSOC_table_find(t, k.key(i)), nullptr) << i;
+    }
+    // As good as new: the same answers as the walk, duplicates included.
+    ASSERT_EQ(fill(t, k), expected);
+    for (size_t i = 0; i < k.size(); ++i) {
+        QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, k.key(i));
+        ASSERT_EQ(e, walk_find(t, k, i)) << i;
+        if (i % 10 == 0) {
+            ASSERT_NE(e, nullptr);
+            ASSERT_NE(QOR_ASSOC_table_find_dup(t, k.key(i), e), nullptr) << i;
+        }
+    }
+    EXPECT_NE(QOR_ASSOC_scan_next(s), nullptr);
+    QOR_ASSOC_scan_destroy(s);
+}
+
+// Runs clear_and_check on a new table and checks that the table's whole
+// life gave back every byte it took.
+void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
+                 bool fixed_size, bool scratch_fails) {
+    const LargeTable k = large_keys(strings, n);
+    // A first table sets up what the library keeps for all of its tables.
+    QOR_ASSOC_table_destroy(QOR_ASSOC_table_create(0, type, "warm", nullptr));
+    const long before = blocks_held();
+    QOR_ASSOC_table *t =
+        QOR_ASSOC_table_create(fixed_size ? 1024 : 0, type, "large", nullptr);
+    t->fixed_size = fixed_size ? 1 : 0;
+    if (scratch_fails) {
+        // The clear's scratch is the first block it asks for; without it
+        // the chains are walked.
+        const int expected = fill(t, k);
+        const long refused = qor_fault_injected(QF_malloc);
+        qor_fault_fail(QF_malloc, ENOMEM, 0, 1);
+        QOR_ASSOC_table_clear(t);
+        EXPECT_EQ(qor_fault_injected(QF_malloc), refused + 1);
+        EXPECT_EQ(t->count, 0);
+        for (uint64_t b = 0; b <= t->mask; ++b) ASSERT_EQ(t->buckets[b], nullptr);
+        ASSERT_EQ(fill(t, k), expected);
+        for (size_t i = 0; i < k.size(); ++i) {
+            ASSERT_EQ(QOR_ASSOC_table_find(t, k.key(i)), walk_find(t, k, i)) << i;
+        }
+    } else {
+        clear_and_check(t, k);
+    }
+    if (testing::Test::HasFatalFailure()) return;
+    if (fixed_size) {
+        EXPECT_EQ(t->mask + 1, 1024u);
+        EXPECT_GT(t->count, 1024);
+    }
+    QOR_ASSOC_table_destroy(t);  // with entries: cleared on the way
+    EXPECT_EQ(blocks_held(), before);
+}
+
+}  // namespace
+
+TEST(AssocDifferential, ClearingALargeStringTableGivesBackEveryEntry) {
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false, false);
+}
+
+TEST(AssocDifferential, ClearingALargeLongTableGivesBackEveryEntry) {
+    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false, false);
+}
+
+// Tables the index cannot list in place of their chains walk them: a
+// caller's key type, a table of fixed size fuller than its buckets (no room
+// to sort in), and a clear that finds no memory for its scratch.
+TEST(AssocDifferential, ClearingWithoutTheIndexListWalksTheChains) {
+    const QOR_ASSOC_key_type custom = custom_string_type();
+    large_clear(&custom, true, 20000, false, false);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, true, false);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false, true);
+    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false, true);
 }

@@ -142,6 +142,9 @@ void qor_fault_filter_path(qor_fault_fn fn, const char *text) {
         plans[fn].filter[sizeof plans[fn].filter - 1] = '\0';
     }
 }
+/* Blocks given back to free (null and dlsym's own blocks aside). */
+static long frees;
+
 void qor_fault_reset(void) {
     for (int i = 0; i < QF_COUNT; i++) {
         plans[i].calls = plans[i].injected = 0;
@@ -152,6 +155,7 @@ void qor_fault_reset(void) {
     }
     mutation_hook = NULL;
     mutation_count = mutation_exit_after = 0;
+    __atomic_store_n(&frees, 0, __ATOMIC_RELAXED);
 }
 long qor_fault_calls(qor_fault_fn fn) { return plans[fn].calls; }
 long qor_fault_injected(qor_fault_fn fn) { return plans[fn].injected; }
@@ -368,6 +372,7 @@ void *realloc(void *p, size_t n) {
     return ((void *(*)(void *, size_t))real(QF_realloc))(p, n);
 }
 static void (*real_free)(void *);
+long qor_fault_frees(void) { return __atomic_load_n(&frees, __ATOMIC_RELAXED); }
 void free(void *p) {
     if (p == NULL || in_bootstrap(p)) return;
     if (real_free == NULL) {
@@ -378,6 +383,7 @@ void free(void *p) {
         real_free = (void (*)(void *))dlsym(RTLD_NEXT, "free");
         resolving--;
     }
+    __atomic_add_fetch(&frees, 1, __ATOMIC_RELAXED);
     real_free(p);
 }
 

@@ -57,6 +57,9 @@ void qor_fault_reset(void);
 long qor_fault_calls(qor_fault_fn fn);
 /* Calls of fn that were made to fail or shortened since the last reset. */
 long qor_fault_injected(qor_fault_fn fn);
+/* Blocks given to free since the last reset (free of null not counted):
+ * with the malloc and calloc calls, what a piece of code left allocated. */
+long qor_fault_frees(void);
 
 /* Mutating host calls: open with O_CREAT, O_TRUNC, O_WRONLY or O_RDWR;
  * write, pwrite, copy_file_range (fd: the target), ftruncate, fsync,
