@@ -845,7 +845,7 @@ void clear_and_check(QOR_ASSOC_table *t, const LargeTable &k) {
 }
 
 // Runs clear_and_check on a new table and checks that the table's whole
-// life gave back every byte it took.
+// life gave back every block it took.
 void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
                  bool fixed_size, bool scratch_fails) {
     const LargeTable k = large_keys(strings, n);
