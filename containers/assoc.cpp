@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include "containers/assoc_index.h"
 #include "containers/pieces.h"
@@ -154,49 +155,113 @@ void sort_by_bits(Entry *const *from, Entry **to, uint64_t n, unsigned low,
     for (uint64_t i = 0; i < n; ++i) to[next[digit(from[i])]++] = from[i];
 }
 
-bool clear_in_address_order(QOR_ASSOC_table *t, bool key_copies) {
-    const auto entry_free = t->key_type->entry_free;
-    const auto n = static_cast<uint64_t>(t->count);
-    // The bucket array is the sort's second buffer: a table of fixed size
-    // fuller than its buckets keeps the walk.
-    if (t->count < kSortedClearMin || n > t->mask + 1 ||
-        (!key_copies && entry_free != QOR_ASSOC_entry_free)) {
-        return false;
+// Whether a table's entries may be freed in any order: the library's own
+// key types, whose entry_free only gives memory back, with an index to
+// list the entries, enough of them to be worth it, and a bucket array with
+// room to serve as the sort's second buffer (a table of fixed size may be
+// fuller than its buckets).
+AssocIndex *index_for_any_order(const QOR_ASSOC_table *t, bool key_copies) {
+    if (t->count < kSortedClearMin ||
+        static_cast<uint64_t>(t->count) > t->mask + 1 ||
+        (!key_copies && t->key_type->entry_free != QOR_ASSOC_entry_free)) {
+        return nullptr;
     }
-    AssocIndex *x = qor::containers::index_of(t);
-    if (x == nullptr) return false;
-    // Addresses are sorted from the cache line up, over about the span the
-    // entries and their keys take (some 128 bytes an entry): two digits of
-    // at most 12 bits; beyond that span the order wraps round.
+    return qor::containers::index_of(t);
+}
+
+// Puts the table's n entries into `list` in address order, sorted from the
+// cache line up over about the span the entries and their keys take (some
+// 128 bytes an entry): two digits of at most 12 bits; beyond that span the
+// order wraps round. The bucket array is the second buffer, so the chains
+// are gone once this returns true; on false nothing has been changed.
+bool list_in_address_order(QOR_ASSOC_table *t, AssocIndex *x, Entry **list,
+                           uint64_t n) {
     constexpr unsigned kLine = 6;
     unsigned span = kLine + 2;
     while ((uint64_t{1} << span) < n * 128 && span < kLine + 24) span += 1;
     const unsigned low_bits = (span - kLine + 1) / 2;
     const unsigned high_bits = span - kLine - low_bits;
-    // All scratch first: once the sort has written over the buckets there
-    // is no going back to the walk.
-    auto **list = static_cast<Entry **>(malloc(n * sizeof(Entry *)));
     auto *next = static_cast<uint64_t *>(
         malloc(((uint64_t{1} << low_bits) + 1) * sizeof(uint64_t)));
-    if (list == nullptr || next == nullptr ||
-        !qor::containers::index_entries(x, list, n)) {
-        free(list);
+    if (next == nullptr || !qor::containers::index_entries(x, list, n)) {
         free(next);
         return false;
     }
     sort_by_bits(list, t->buckets, n, kLine, low_bits, next);
     sort_by_bits(t->buckets, list, n, kLine + low_bits, high_bits, next);
     free(next);
+    return true;
+}
+
+// Frees the listed entries in list order, fetching a little ahead.
+void free_listed(QOR_ASSOC_table *t, Entry *const *list, uint64_t n,
+                 bool key_copies) {
+    const auto entry_free = t->key_type->entry_free;
     const uint32_t entry_size = t->key_type->entry_size;
     for (uint64_t i = 0; i < n; ++i) {
         if (i + kAhead < n) prefetch(list[i + kAhead]);
         if (key_copies && i + kAhead / 2 < n) prefetch_key(list[i + kAhead / 2]);
         entry_free(t, handle(list[i]), entry_size);
     }
+}
+
+bool clear_in_address_order(QOR_ASSOC_table *t, bool key_copies) {
+    AssocIndex *x = index_for_any_order(t, key_copies);
+    if (x == nullptr) return false;
+    const auto n = static_cast<uint64_t>(t->count);
+    auto **list = static_cast<Entry **>(malloc(n * sizeof(Entry *)));
+    if (list == nullptr || !list_in_address_order(t, x, list, n)) {
+        free(list);
+        return false;
+    }
+    free_listed(t, list, n, key_copies);
     memset(t->buckets, 0, (t->mask + 1) * sizeof(Entry *));
     free(list);
     qor::containers::index_cleared(x);
     return true;
+}
+
+// A destroy's entries, listed before its large blocks go and freed after.
+//
+// glibc merges its small free chunks, and gives the top of the heap back to
+// the kernel, when a block of 64 KiB or more is freed from the heap. A
+// destroy that freed its entries first and its bucket array after would do
+// both at its end, every time: a program that builds and destroys large
+// tables in turn would have the kernel take the heap back and fault it in
+// again page by page at the next build. Freed the other way round, the
+// large blocks go while the entries still hold the heap, and the entries'
+// small chunks then wait on glibc's fast lists for the next build, as any
+// small frees do. The list lives in pages mapped for it: freeing it from
+// the heap would set off the very merge this avoids.
+struct LateEntries {
+    Entry **list;
+    uint64_t n;
+    size_t bytes;
+};
+
+LateEntries list_for_destroy(QOR_ASSOC_table *t) {
+    const bool key_copies = t->key_type->entry_free == QOR_ASSOC_string_free;
+    AssocIndex *x = index_for_any_order(t, key_copies);
+    if (x == nullptr) return {nullptr, 0, 0};
+    const auto n = static_cast<uint64_t>(t->count);
+    const size_t bytes = n * sizeof(Entry *);
+    void *pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) return {nullptr, 0, 0};
+    auto **list = static_cast<Entry **>(pages);
+    if (!list_in_address_order(t, x, list, n)) {
+        munmap(pages, bytes);
+        return {nullptr, 0, 0};
+    }
+    t->count = 0;  // nothing left for the clear
+    return {list, n, bytes};
+}
+
+void free_late(QOR_ASSOC_table *t, const LateEntries &late) {
+    if (late.list == nullptr) return;
+    free_listed(t, late.list, late.n,
+                t->key_type->entry_free == QOR_ASSOC_string_free);
+    munmap(late.list, late.bytes);
 }
 
 // "-- ASSOC table NAME: WHAT" followed by the key type's line for the entry.
@@ -586,6 +651,7 @@ void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table) {
     // What follows is part of the destruction and stays quiet.
     table->trace = 0;
     while (table->scans != nullptr) QOR_ASSOC_scan_destroy(table->scans);
+    const LateEntries late = list_for_destroy(table);
     if (table->count != 0 && kt->entry_free != nullptr) {
         QOR_ASSOC_table_clear(table);
     }
@@ -596,6 +662,7 @@ void QOR_ASSOC_table_destroy(QOR_ASSOC_table *table) {
     }
     unlink(QOR_ASSOC_tables, table);
     qor::containers::index_destroy(table);
+    free_late(table, late);
     QOR_free(table->name);
     if (kt->table_free != nullptr) kt->table_free(kt, table, kt->table_size);
 }

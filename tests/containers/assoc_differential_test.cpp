@@ -844,18 +844,33 @@ void clear_and_check(QOR_ASSOC_table *t, const LargeTable &k) {
     QOR_ASSOC_scan_destroy(s);
 }
 
-// Runs clear_and_check on a new table and checks that the table's whole
-// life gave back every block it took.
+// Mappings made and not yet unmapped, from the calls counted by the test
+// support (the system allocator maps through its own entry points, which
+// are not counted; /proc/self/maps would show a sanitizer's own mappings).
+long mappings_held() {
+    return qor_fault_calls(QF_mmap) - qor_fault_injected(QF_mmap) -
+           qor_fault_calls(QF_munmap);
+}
+
+// What a test refuses the library: the clear's scratch block, or the pages
+// a destroy lists the entries in.
+enum class Refuse { nothing, clear_scratch, destroy_pages };
+
+// Runs clear_and_check on a new table and destroys it with its entries,
+// checking that the table's whole life gave back every block and mapping
+// it took. `listed` tells whether the destroy should list the entries in
+// pages of their own (the library's key types, large enough, with room).
 void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
-                 bool fixed_size, bool scratch_fails) {
+                 bool fixed_size, Refuse refuse, bool listed) {
     const LargeTable k = large_keys(strings, n);
     // A first table sets up what the library keeps for all of its tables.
     QOR_ASSOC_table_destroy(QOR_ASSOC_table_create(0, type, "warm", nullptr));
     const long before = blocks_held();
+    const long mapped_before = mappings_held();
     QOR_ASSOC_table *t =
         QOR_ASSOC_table_create(fixed_size ? 1024 : 0, type, "large", nullptr);
     t->fixed_size = fixed_size ? 1 : 0;
-    if (scratch_fails) {
+    if (refuse == Refuse::clear_scratch) {
         // The clear's scratch is the first block it asks for; without it
         // the chains are walked.
         const int expected = fill(t, k);
@@ -877,27 +892,44 @@ void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
         EXPECT_EQ(t->mask + 1, 1024u);
         EXPECT_GT(t->count, 1024);
     }
-    QOR_ASSOC_table_destroy(t);  // with entries: cleared on the way
+    EXPECT_GE(t->count, 4096);
+    const long maps_asked = qor_fault_calls(QF_mmap);
+    const long maps_refused = qor_fault_injected(QF_mmap);
+    // Without its pages a destroy clears the table first, as any other.
+    if (refuse == Refuse::destroy_pages) qor_fault_fail(QF_mmap, ENOMEM, 0, 1);
+    QOR_ASSOC_table_destroy(t);  // with entries
+    EXPECT_EQ(qor_fault_calls(QF_mmap) - maps_asked, listed ? 1 : 0);
+    EXPECT_EQ(qor_fault_injected(QF_mmap) - maps_refused,
+              refuse == Refuse::destroy_pages ? 1 : 0);
     EXPECT_EQ(blocks_held(), before);
+    EXPECT_EQ(mappings_held(), mapped_before);
 }
 
 }  // namespace
 
 TEST(AssocDifferential, ClearingALargeStringTableGivesBackEveryEntry) {
-    large_clear(QOR_ASSOC_string_key_type, true, 20000, false, false);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false, Refuse::nothing,
+                true);
 }
 
 TEST(AssocDifferential, ClearingALargeLongTableGivesBackEveryEntry) {
-    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false, false);
+    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false,
+                Refuse::nothing, true);
 }
 
 // Tables the index cannot list in place of their chains walk them: a
 // caller's key type, a table of fixed size fuller than its buckets (no room
-// to sort in), and a clear that finds no memory for its scratch.
+// to sort in), and a clear that finds no memory for its scratch. A destroy
+// refused its pages clears the table first.
 TEST(AssocDifferential, ClearingWithoutTheIndexListWalksTheChains) {
     const QOR_ASSOC_key_type custom = custom_string_type();
-    large_clear(&custom, true, 20000, false, false);
-    large_clear(QOR_ASSOC_string_key_type, true, 20000, true, false);
-    large_clear(QOR_ASSOC_string_key_type, true, 20000, false, true);
-    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false, true);
+    large_clear(&custom, true, 20000, false, Refuse::nothing, false);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, true, Refuse::nothing,
+                false);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false,
+                Refuse::clear_scratch, true);
+    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false,
+                Refuse::clear_scratch, true);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false,
+                Refuse::destroy_pages, true);
 }

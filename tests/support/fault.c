@@ -17,6 +17,7 @@
 #include <stdio_ext.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/utsname.h>
@@ -370,6 +371,17 @@ void *calloc(size_t n, size_t size) {
 void *realloc(void *p, size_t n) {
     if (decide(QF_realloc, NULL) == 1) FAIL_WITH(realloc, NULL);
     return ((void *(*)(void *, size_t))real(QF_realloc))(p, n);
+}
+/* Mappings the program asks for itself (glibc's allocator maps through its
+ * own internal entry, never this one). */
+void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {
+    if (decide(QF_mmap, NULL) == 1) FAIL_WITH(mmap, MAP_FAILED);
+    return ((void *(*)(void *, size_t, int, int, int, off_t))real(QF_mmap))(
+        addr, length, prot, flags, fd, offset);
+}
+int munmap(void *addr, size_t length) {
+    if (decide(QF_munmap, NULL) == 1) FAIL_WITH(munmap, -1);
+    return ((int (*)(void *, size_t))real(QF_munmap))(addr, length);
 }
 static void (*real_free)(void *);
 long qor_fault_frees(void) { return __atomic_load_n(&frees, __ATOMIC_RELAXED); }

@@ -20,7 +20,7 @@ extern "C" {
     X(getgrgid) X(getgroups) X(malloc) X(calloc) X(realloc) X(system)   \
     X(waitpid) X(putenv) X(getenv) X(utime) X(strerror)                \
     X(fdatasync) X(fchown) X(getlogin) X(uname) X(fork) X(execv) X(wait) \
-    X(copy_file_range)
+    X(copy_file_range) X(mmap) X(munmap)
 
 typedef enum qor_fault_fn {
 #define QOR_FAULT_ENUM(name) QF_##name,
