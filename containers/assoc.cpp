@@ -155,15 +155,21 @@ void sort_by_bits(Entry *const *from, Entry **to, uint64_t n, unsigned low,
     for (uint64_t i = 0; i < n; ++i) to[next[digit(from[i])]++] = from[i];
 }
 
+// The library's string entries: their key copies are freed with them.
+inline bool frees_key_copies(const QOR_ASSOC_table *t) {
+    return t->key_type->entry_free == QOR_ASSOC_string_free;
+}
+
 // Whether a table's entries may be freed in any order: the library's own
 // key types, whose entry_free only gives memory back, with an index to
 // list the entries, enough of them to be worth it, and a bucket array with
 // room to serve as the sort's second buffer (a table of fixed size may be
 // fuller than its buckets).
-AssocIndex *index_for_any_order(const QOR_ASSOC_table *t, bool key_copies) {
+AssocIndex *index_for_any_order(const QOR_ASSOC_table *t) {
     if (t->count < kSortedClearMin ||
         static_cast<uint64_t>(t->count) > t->mask + 1 ||
-        (!key_copies && t->key_type->entry_free != QOR_ASSOC_entry_free)) {
+        (!frees_key_copies(t) &&
+         t->key_type->entry_free != QOR_ASSOC_entry_free)) {
         return nullptr;
     }
     return qor::containers::index_of(t);
@@ -194,8 +200,8 @@ bool list_in_address_order(QOR_ASSOC_table *t, AssocIndex *x, Entry **list,
 }
 
 // Frees the listed entries in list order, fetching a little ahead.
-void free_listed(QOR_ASSOC_table *t, Entry *const *list, uint64_t n,
-                 bool key_copies) {
+void free_listed(QOR_ASSOC_table *t, Entry *const *list, uint64_t n) {
+    const bool key_copies = frees_key_copies(t);
     const auto entry_free = t->key_type->entry_free;
     const uint32_t entry_size = t->key_type->entry_size;
     for (uint64_t i = 0; i < n; ++i) {
@@ -205,8 +211,8 @@ void free_listed(QOR_ASSOC_table *t, Entry *const *list, uint64_t n,
     }
 }
 
-bool clear_in_address_order(QOR_ASSOC_table *t, bool key_copies) {
-    AssocIndex *x = index_for_any_order(t, key_copies);
+bool clear_in_address_order(QOR_ASSOC_table *t) {
+    AssocIndex *x = index_for_any_order(t);
     if (x == nullptr) return false;
     const auto n = static_cast<uint64_t>(t->count);
     auto **list = static_cast<Entry **>(malloc(n * sizeof(Entry *)));
@@ -214,7 +220,7 @@ bool clear_in_address_order(QOR_ASSOC_table *t, bool key_copies) {
         free(list);
         return false;
     }
-    free_listed(t, list, n, key_copies);
+    free_listed(t, list, n);
     memset(t->buckets, 0, (t->mask + 1) * sizeof(Entry *));
     free(list);
     qor::containers::index_cleared(x);
@@ -240,8 +246,7 @@ struct LateEntries {
 };
 
 LateEntries list_for_destroy(QOR_ASSOC_table *t) {
-    const bool key_copies = t->key_type->entry_free == QOR_ASSOC_string_free;
-    AssocIndex *x = index_for_any_order(t, key_copies);
+    AssocIndex *x = index_for_any_order(t);
     if (x == nullptr) return {nullptr, 0, 0};
     const auto n = static_cast<uint64_t>(t->count);
     const size_t bytes = n * sizeof(Entry *);
@@ -259,8 +264,7 @@ LateEntries list_for_destroy(QOR_ASSOC_table *t) {
 
 void free_late(QOR_ASSOC_table *t, const LateEntries &late) {
     if (late.list == nullptr) return;
-    free_listed(t, late.list, late.n,
-                t->key_type->entry_free == QOR_ASSOC_string_free);
+    free_listed(t, late.list, late.n);
     munmap(late.list, late.bytes);
 }
 
@@ -678,12 +682,11 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
     }
     const auto entry_free = table->key_type->entry_free;
     const uint32_t entry_size = table->key_type->entry_size;
-    // The library's string entries: their key copies are freed too.
-    const bool key_copies = entry_free == QOR_ASSOC_string_free;
-    if (clear_in_address_order(table, key_copies)) {
+    if (clear_in_address_order(table)) {
         table->count = 0;
         return;
     }
+    const bool key_copies = frees_key_copies(table);
     for (uint64_t b = 0; b <= table->mask; ++b) {
         if (entry_free != nullptr && b + kAhead <= table->mask) {
             prefetch(table->buckets[b + kAhead]);

@@ -750,11 +750,10 @@ namespace {
 
 // Blocks allocated and not yet freed, from the calls counted by the test
 // support (heap statistics would count the allocator's caches as in use).
-long blocks_held() {
-    return qor_fault_calls(QF_malloc) - qor_fault_injected(QF_malloc) +
-           qor_fault_calls(QF_calloc) - qor_fault_injected(QF_calloc) -
-           qor_fault_frees();
-}
+// Calls of fn that went through (the refused ones made nothing).
+long made(qor_fault_fn fn) { return qor_fault_calls(fn) - qor_fault_injected(fn); }
+
+long blocks_held() { return made(QF_malloc) + made(QF_calloc) - qor_fault_frees(); }
 
 struct LargeTable {
     bool strings;
@@ -847,10 +846,7 @@ void clear_and_check(QOR_ASSOC_table *t, const LargeTable &k) {
 // Mappings made and not yet unmapped, from the calls counted by the test
 // support (the system allocator maps through its own entry points, which
 // are not counted; /proc/self/maps would show a sanitizer's own mappings).
-long mappings_held() {
-    return qor_fault_calls(QF_mmap) - qor_fault_injected(QF_mmap) -
-           qor_fault_calls(QF_munmap);
-}
+long mappings_held() { return made(QF_mmap) - qor_fault_calls(QF_munmap); }
 
 // What a test refuses the library: the clear's scratch block, or the pages
 // a destroy lists the entries in.
