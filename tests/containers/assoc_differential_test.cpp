@@ -848,9 +848,16 @@ void clear_and_check(QOR_ASSOC_table *t, const LargeTable &k) {
 // are not counted; /proc/self/maps would show a sanitizer's own mappings).
 long mappings_held() { return made(QF_mmap) - qor_fault_calls(QF_munmap); }
 
-// What a test refuses the library: the clear's scratch block, or the pages
-// a destroy lists the entries in.
-enum class Refuse { nothing, clear_scratch, destroy_pages };
+// What a test refuses the library: the clear's list or the sort's counts
+// (its first and second blocks), or the pages a destroy lists the entries
+// in or the sort's counts for that list.
+enum class Refuse {
+    nothing,
+    clear_list,
+    clear_counts,
+    destroy_pages,
+    destroy_counts,
+};
 
 // Runs clear_and_check on a new table and destroys it with its entries,
 // checking that the table's whole life gave back every block and mapping
@@ -866,12 +873,12 @@ void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
     QOR_ASSOC_table *t =
         QOR_ASSOC_table_create(fixed_size ? 1024 : 0, type, "large", nullptr);
     t->fixed_size = fixed_size ? 1 : 0;
-    if (refuse == Refuse::clear_scratch) {
-        // The clear's scratch is the first block it asks for; without it
-        // the chains are walked.
+    if (refuse == Refuse::clear_list || refuse == Refuse::clear_counts) {
+        // Without either block of scratch the chains are walked.
         const int expected = fill(t, k);
         const long refused = qor_fault_injected(QF_malloc);
-        qor_fault_fail(QF_malloc, ENOMEM, 0, 1);
+        const int skip = refuse == Refuse::clear_counts ? 1 : 0;
+        qor_fault_fail(QF_malloc, ENOMEM, skip, 1);
         QOR_ASSOC_table_clear(t);
         EXPECT_EQ(qor_fault_injected(QF_malloc), refused + 1);
         EXPECT_EQ(t->count, 0);
@@ -891,12 +898,17 @@ void large_clear(const QOR_ASSOC_key_type *type, bool strings, int n,
     EXPECT_GE(t->count, 4096);
     const long maps_asked = qor_fault_calls(QF_mmap);
     const long maps_refused = qor_fault_injected(QF_mmap);
-    // Without its pages a destroy clears the table first, as any other.
+    const long blocks_refused = qor_fault_injected(QF_malloc);
+    // Without its pages, or without the counts to sort its list, a destroy
+    // clears the table first, as any other.
     if (refuse == Refuse::destroy_pages) qor_fault_fail(QF_mmap, ENOMEM, 0, 1);
+    if (refuse == Refuse::destroy_counts) qor_fault_fail(QF_malloc, ENOMEM, 0, 1);
     QOR_ASSOC_table_destroy(t);  // with entries
     EXPECT_EQ(qor_fault_calls(QF_mmap) - maps_asked, listed ? 1 : 0);
     EXPECT_EQ(qor_fault_injected(QF_mmap) - maps_refused,
               refuse == Refuse::destroy_pages ? 1 : 0);
+    EXPECT_EQ(qor_fault_injected(QF_malloc) - blocks_refused,
+              refuse == Refuse::destroy_counts ? 1 : 0);
     EXPECT_EQ(blocks_held(), before);
     EXPECT_EQ(mappings_held(), mapped_before);
 }
@@ -915,17 +927,22 @@ TEST(AssocDifferential, ClearingALargeLongTableGivesBackEveryEntry) {
 
 // Tables the index cannot list in place of their chains walk them: a
 // caller's key type, a table of fixed size fuller than its buckets (no room
-// to sort in), and a clear that finds no memory for its scratch. A destroy
-// refused its pages clears the table first.
+// to sort in), and a clear that finds no memory for either block of its
+// scratch. A destroy refused its pages or its sort's counts clears the
+// table first.
 TEST(AssocDifferential, ClearingWithoutTheIndexListWalksTheChains) {
     const QOR_ASSOC_key_type custom = custom_string_type();
     large_clear(&custom, true, 20000, false, Refuse::nothing, false);
     large_clear(QOR_ASSOC_string_key_type, true, 20000, true, Refuse::nothing,
                 false);
     large_clear(QOR_ASSOC_string_key_type, true, 20000, false,
-                Refuse::clear_scratch, true);
+                Refuse::clear_list, true);
     large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false,
-                Refuse::clear_scratch, true);
+                Refuse::clear_list, true);
+    large_clear(QOR_ASSOC_string_key_type, true, 20000, false,
+                Refuse::clear_counts, true);
     large_clear(QOR_ASSOC_string_key_type, true, 20000, false,
                 Refuse::destroy_pages, true);
+    large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false,
+                Refuse::destroy_counts, true);
 }
