@@ -247,14 +247,21 @@ const std::vector<std::string> &lock_objects(long k) {
     return paths;
 }
 
-// Room for K held descriptors, or the benchmark says why not.
+// Room for K held descriptors, or the benchmark says why not. A privileged
+// run may raise the hard limit too (up to the kernel's nr_open); anyone may
+// raise the soft limit up to the hard one.
 bool descriptors_for(benchmark::State &state, long k) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t want = static_cast<rlim_t>(k) + 256;
     if (limit.rlim_cur < want) {
-        limit.rlim_cur = limit.rlim_max < want ? limit.rlim_max : want;
-        setrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit raised{want, limit.rlim_max < want ? want : limit.rlim_max};
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+            limit = raised;
+        } else {
+            limit.rlim_cur = limit.rlim_max;
+            setrlimit(RLIMIT_NOFILE, &limit);
+        }
     }
     if (limit.rlim_cur < want) {
         state.SkipWithError("descriptor limit below the locks to hold");
