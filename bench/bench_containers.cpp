@@ -90,7 +90,6 @@ const Keys &keys_for(Shape shape, long n) {
     if (it != slot.end()) return it->second;
     Keys k;
     k.hits.reserve(static_cast<size_t>(n));
-    k.misses.reserve(static_cast<size_t>(n));
     std::vector<std::string> odd;
     odd.reserve(static_cast<size_t>(n));
     for (long i = 0; i < n; ++i) {
