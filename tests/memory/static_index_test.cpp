@@ -198,6 +198,103 @@ TEST(StaticIndex, OneBigFirstBlock) {
     run(16, 5000, 64, 21, 20000);
 }
 
+// Records given back in no particular order and one taken after each, as
+// a program with many records alive does: each allocation must be the
+// lowest free record, whether the one given back lay below the others or
+// above them, and whether the record after it was known or had to be found.
+TEST(StaticIndex, ChurnGivesTheLowestFreeRecordEveryTime) {
+    std::mt19937 rng(41);
+    for (uint32_t live_count : {1000u, 5000u}) {
+        SCOPED_TRACE(live_count);
+        Checked c(16, 1024, 256);
+        for (uint32_t i = 0; i < live_count; ++i) c.step(rng, 1, true);
+        for (int op = 0; op < 40000; ++op) {
+            // Now and then two in a row, or none, so that allocations meet
+            // both a known next record and one to be found.
+            const unsigned gives = op % 7 == 0 ? 2 : op % 11 == 0 ? 0 : 1;
+            for (unsigned g = 0; g < gives && !c.live.empty(); ++g) {
+                const size_t k = rng() % c.live.size();
+                QOR_SA_release(&c.sa, address_of(&c.sa, c.live[k]));
+                c.m.give(c.live[k]);
+                c.live[k] = c.live.back();
+                c.live.pop_back();
+            }
+            void *r = QOR_SA_allocate(&c.sa);
+            const uint32_t index = c.m.take();
+            ASSERT_EQ(r, address_of(&c.sa, index)) << "op " << op;
+            c.live.push_back(index);
+            if (op % 4999 == 0) expect_same(&c.sa, c.m);
+        }
+        expect_same(&c.sa, c.m);
+        QOR_SA_destroy(&c.sa);
+    }
+}
+
+// A release hook may allocate from the allocator whose record it is told
+// of, even when that takes a new block (and moves the block and bitmap
+// arrays): the release goes on with the allocator as the hook left it.
+Checked *hooked = nullptr;
+std::vector<void *> taken_by_hook;
+
+void *allocating_hook(void *record, uint32_t) {
+    taken_by_hook.push_back(QOR_SA_allocate(&hooked->sa));
+    // The record being released is not free yet, so it is not the one.
+    const uint32_t index = hooked->m.take();
+    EXPECT_EQ(taken_by_hook.back(), address_of(&hooked->sa, index));
+    hooked->live.push_back(index);
+    return record;
+}
+
+TEST(StaticIndex, ReleaseHookThatAllocatesFromTheSameAllocator) {
+    Checked c(32, 64, 64);
+    c.sa.release_hook = allocating_hook;
+    hooked = &c;
+    std::mt19937 rng(43);
+    // 126 blocks, every record in use: each round holds one record more,
+    // so the hook's allocations add blocks, and with the 129th the block
+    // array (128 slots at a time) moves.
+    for (int i = 0; i < 64 * 126; ++i) c.step(rng, 1, true);
+    for (int round = 0; round < 300; ++round) {
+        ASSERT_FALSE(c.live.empty());
+        const size_t k = rng() % c.live.size();
+        const uint32_t index = c.live[k];
+        c.live[k] = c.live.back();
+        c.live.pop_back();
+        QOR_SA_release(&c.sa, address_of(&c.sa, index));
+        c.m.give(index);
+        ASSERT_NO_FATAL_FAILURE(expect_same(&c.sa, c.m)) << "round " << round;
+        void *r = QOR_SA_allocate(&c.sa);
+        EXPECT_EQ(r, address_of(&c.sa, c.m.take()));
+        if (HasFailure()) break;
+    }
+    EXPECT_GT(c.sa.blocks_in_use, 128u);
+    c.sa.release_hook = nullptr;
+    hooked = nullptr;
+    taken_by_hook.clear();
+    QOR_SA_destroy(&c.sa);
+}
+
+// A free count that says a record is free when none is (a damaged record)
+// is an assertion failure at the next allocation, for large allocators as
+// for small ones, rather than a record handed out twice.
+TEST(StaticIndex, AFreeCountTooHighIsAnAssertionFailure) {
+    for (uint32_t records : {64u, 4096u}) {
+        SCOPED_TRACE(records);
+        qor_test::ChildResult r = qor_test::run_in_child([records] {
+            QOR_SA_allocator sa;
+            QOR_SA_initialise(&sa, 16, records, 64, nullptr, nullptr);
+            for (uint32_t i = 0; i < records; ++i) QOR_SA_allocate(&sa);
+            sa.free_entries = 1;
+            QOR_SA_allocate(&sa);
+        });
+        EXPECT_TRUE(r.exited);
+        EXPECT_EQ(r.exit_status, 3);
+        EXPECT_NE(r.err.find("QOR_SA_allocate found its free count wrong"),
+                  std::string::npos)
+            << r.err;
+    }
+}
+
 // A pointer between blocks, or just past the last record, is in no block
 // however many blocks there are.
 TEST(StaticIndex, PointersOutsideEveryBlockAreStillRefused) {
