@@ -295,6 +295,33 @@ TEST(StaticIndex, AFreeCountTooHighIsAnAssertionFailure) {
     }
 }
 
+// When fatal errors return, the allocation that finds the count wrong
+// hands out nothing and changes nothing.
+TEST(StaticIndex, AFreeCountTooHighGivesNullWhenFatalErrorsReturn) {
+    for (uint32_t records : {64u, 4096u}) {
+        SCOPED_TRACE(records);
+        QOR_SA_allocator sa;
+        QOR_SA_initialise(&sa, 16, records, 64, nullptr, nullptr);
+        for (uint32_t i = 0; i < records; ++i) QOR_SA_allocate(&sa);
+        sa.free_entries = 1;
+        qor_test::StderrCapture capture;
+        QOR_exception_handler_state = 9;
+        void *r = QOR_SA_allocate(&sa);
+        QOR_exception_handler_state = 0;
+        const std::string err = capture.take();
+        EXPECT_EQ(r, nullptr);
+        EXPECT_EQ(sa.free_entries, 1u);
+        EXPECT_EQ(sa.first_free_hint, records);
+        // The assertion names its unit and line (which edits move).
+        EXPECT_NE(err.find("File static_allocator, Line "), std::string::npos);
+        EXPECT_NE(err.find(": QOR_SA_allocate found its free count wrong"),
+                  std::string::npos)
+            << err;
+        sa.free_entries = 0;
+        QOR_SA_destroy(&sa);
+    }
+}
+
 // A pointer between blocks, or just past the last record, is in no block
 // however many blocks there are.
 TEST(StaticIndex, PointersOutsideEveryBlockAreStillRefused) {
