@@ -200,8 +200,8 @@ TEST(StaticIndex, OneBigFirstBlock) {
 
 // Records given back in no particular order and one taken after each, as
 // a program with many records alive does: each allocation must be the
-// lowest free record, whether the one given back lay below the others or
-// above them, and whether the record after it was known or had to be found.
+// lowest free record, whether the one given back lay below the hint or
+// above it, so found in the hint's word or from the summary.
 TEST(StaticIndex, ChurnGivesTheLowestFreeRecordEveryTime) {
     std::mt19937 rng(41);
     for (uint32_t live_count : {1000u, 5000u}) {
@@ -209,8 +209,8 @@ TEST(StaticIndex, ChurnGivesTheLowestFreeRecordEveryTime) {
         Checked c(16, 1024, 256);
         for (uint32_t i = 0; i < live_count; ++i) c.step(rng, 1, true);
         for (int op = 0; op < 40000; ++op) {
-            // Now and then two in a row, or none, so that allocations meet
-            // both a known next record and one to be found.
+            // Now and then two in a row, or none, so that some allocations
+            // take a record that was free before the last release.
             const unsigned gives = op % 7 == 0 ? 2 : op % 11 == 0 ? 0 : 1;
             for (unsigned g = 0; g < gives && !c.live.empty(); ++g) {
                 const size_t k = rng() % c.live.size();
@@ -231,16 +231,15 @@ TEST(StaticIndex, ChurnGivesTheLowestFreeRecordEveryTime) {
 }
 
 // A release hook may allocate from the allocator whose record it is told
-// of, even when that takes a new block (and moves the block and bitmap
-// arrays): the release goes on with the allocator as the hook left it.
+// of, even when that takes a new block (and moves the block array): the
+// release goes on with the allocator as the hook left it.
 Checked *hooked = nullptr;
-std::vector<void *> taken_by_hook;
 
 void *allocating_hook(void *record, uint32_t) {
-    taken_by_hook.push_back(QOR_SA_allocate(&hooked->sa));
+    void *taken = QOR_SA_allocate(&hooked->sa);
     // The record being released is not free yet, so it is not the one.
     const uint32_t index = hooked->m.take();
-    EXPECT_EQ(taken_by_hook.back(), address_of(&hooked->sa, index));
+    EXPECT_EQ(taken, address_of(&hooked->sa, index));
     hooked->live.push_back(index);
     return record;
 }
@@ -270,21 +269,26 @@ TEST(StaticIndex, ReleaseHookThatAllocatesFromTheSameAllocator) {
     EXPECT_GT(c.sa.blocks_in_use, 128u);
     c.sa.release_hook = nullptr;
     hooked = nullptr;
-    taken_by_hook.clear();
     QOR_SA_destroy(&c.sa);
 }
 
-// A free count that says a record is free when none is (a damaged record)
-// is an assertion failure at the next allocation, for large allocators as
-// for small ones, rather than a record handed out twice.
+// An allocator of `records` records, all in use, whose free count says one
+// is free: a damaged record.
+void overcounted(QOR_SA_allocator *sa, uint32_t records) {
+    QOR_SA_initialise(sa, 16, records, 64, nullptr, nullptr);
+    for (uint32_t i = 0; i < records; ++i) QOR_SA_allocate(sa);
+    sa->free_entries = 1;
+}
+
+// A free count too high is an assertion failure at the next allocation,
+// for large allocators as for small ones, rather than a record handed out
+// twice.
 TEST(StaticIndex, AFreeCountTooHighIsAnAssertionFailure) {
     for (uint32_t records : {64u, 4096u}) {
         SCOPED_TRACE(records);
         qor_test::ChildResult r = qor_test::run_in_child([records] {
             QOR_SA_allocator sa;
-            QOR_SA_initialise(&sa, 16, records, 64, nullptr, nullptr);
-            for (uint32_t i = 0; i < records; ++i) QOR_SA_allocate(&sa);
-            sa.free_entries = 1;
+            overcounted(&sa, records);
             QOR_SA_allocate(&sa);
         });
         EXPECT_TRUE(r.exited);
@@ -301,9 +305,7 @@ TEST(StaticIndex, AFreeCountTooHighGivesNullWhenFatalErrorsReturn) {
     for (uint32_t records : {64u, 4096u}) {
         SCOPED_TRACE(records);
         QOR_SA_allocator sa;
-        QOR_SA_initialise(&sa, 16, records, 64, nullptr, nullptr);
-        for (uint32_t i = 0; i < records; ++i) QOR_SA_allocate(&sa);
-        sa.free_entries = 1;
+        overcounted(&sa, records);
         qor_test::StderrCapture capture;
         QOR_exception_handler_state = 9;
         void *r = QOR_SA_allocate(&sa);
