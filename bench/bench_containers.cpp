@@ -8,7 +8,9 @@
 // Works (`<work>/<contender>/<keys>`):
 //   assoc_insert_<shape>  a new table, <keys> inserts (keys copied), destroy
 //   assoc_find_<shape>    <keys> finds that hit and <keys> that miss, in an
-//                         order other than the keys' numbers
+//                         order other than the keys' numbers; each gives
+//                         the value stored with the key (for the library,
+//                         the found entry's value word), as a caller needs
 //   table_insert_<shape>, table_find_<shape>  the same for TABLEs
 //   atom_intern_<shape>   <keys> new strings into an empty atom table; one
 //                         iteration per process (quarks cannot be freed, so
@@ -149,8 +151,20 @@ struct QorAssoc {
     }
     static void put(T t, const char *k, void *v) { QOR_ASSOC_table_insert(t, k, v, nullptr); }
     static void put(T t, long k, void *v) { QOR_ASSOC_table_insert(t, lkey(k), v, nullptr); }
-    static const void *get(T t, const char *k) { return QOR_ASSOC_table_find(t, k); }
-    static const void *get(T t, long k) { return QOR_ASSOC_table_find(t, lkey(k)); }
+    // A find gives the entry; what a caller wants is its value, and reading
+    // it is part of the work, as it is for the peers that give the value.
+    static const void *get(T t, const char *k) {
+        const QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, k);
+        return e != nullptr
+                   ? reinterpret_cast<const QOR_ASSOC_string_entry *>(e)->value
+                   : nullptr;
+    }
+    static const void *get(T t, long k) {
+        const QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, lkey(k));
+        return e != nullptr
+                   ? reinterpret_cast<const QOR_ASSOC_long_int_entry *>(e)->value
+                   : nullptr;
+    }
     static void drop(T t) { QOR_ASSOC_table_destroy(t); }
 };
 
@@ -206,8 +220,14 @@ struct QorTable {
     static T make_longs() { return make(QOR_TABLE_POINTER_KEYS); }
     static void put(T s, const char *k, void *v) { QOR_TABLE_insert(s->table, k, v, 0); }
     static void put(T s, long k, void *v) { QOR_TABLE_insert(s->table, lkey(k), v, 0); }
-    static const void *get(T s, const char *k) { return QOR_TABLE_find(s->table, k); }
-    static const void *get(T s, long k) { return QOR_TABLE_find(s->table, lkey(k)); }
+    static const void *get(T s, const char *k) {
+        const QOR_TABLE_entry *e = QOR_TABLE_find(s->table, k);
+        return e != nullptr ? e->value : nullptr;
+    }
+    static const void *get(T s, long k) {
+        const QOR_TABLE_entry *e = QOR_TABLE_find(s->table, lkey(k));
+        return e != nullptr ? e->value : nullptr;
+    }
     static void drop(T s) {
         QOR_TABLE_destroy(s->table);
         QOR_FS_destroy(&s->fs);
