@@ -141,6 +141,12 @@ size_t heap_in_use() {
 
 // ---- Contenders ---------------------------------------------------------------
 
+// The value word of a found entry of the given layout, or null for a miss.
+template <class Entry, class Found>
+const void *value_of(const Found *e) {
+    return e != nullptr ? reinterpret_cast<const Entry *>(e)->value : nullptr;
+}
+
 struct QorAssoc {
     using T = QOR_ASSOC_table *;
     static T make_strings() {
@@ -154,16 +160,10 @@ struct QorAssoc {
     // A find gives the entry; what a caller wants is its value, and reading
     // it is part of the work, as it is for the peers that give the value.
     static const void *get(T t, const char *k) {
-        const QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, k);
-        return e != nullptr
-                   ? reinterpret_cast<const QOR_ASSOC_string_entry *>(e)->value
-                   : nullptr;
+        return value_of<QOR_ASSOC_string_entry>(QOR_ASSOC_table_find(t, k));
     }
     static const void *get(T t, long k) {
-        const QOR_ASSOC_entry *e = QOR_ASSOC_table_find(t, lkey(k));
-        return e != nullptr
-                   ? reinterpret_cast<const QOR_ASSOC_long_int_entry *>(e)->value
-                   : nullptr;
+        return value_of<QOR_ASSOC_long_int_entry>(QOR_ASSOC_table_find(t, lkey(k)));
     }
     static void drop(T t) { QOR_ASSOC_table_destroy(t); }
 };
@@ -221,12 +221,10 @@ struct QorTable {
     static void put(T s, const char *k, void *v) { QOR_TABLE_insert(s->table, k, v, 0); }
     static void put(T s, long k, void *v) { QOR_TABLE_insert(s->table, lkey(k), v, 0); }
     static const void *get(T s, const char *k) {
-        const QOR_TABLE_entry *e = QOR_TABLE_find(s->table, k);
-        return e != nullptr ? e->value : nullptr;
+        return value_of<QOR_TABLE_entry>(QOR_TABLE_find(s->table, k));
     }
     static const void *get(T s, long k) {
-        const QOR_TABLE_entry *e = QOR_TABLE_find(s->table, lkey(k));
-        return e != nullptr ? e->value : nullptr;
+        return value_of<QOR_TABLE_entry>(QOR_TABLE_find(s->table, lkey(k)));
     }
     static void drop(T s) {
         QOR_TABLE_destroy(s->table);

@@ -88,22 +88,33 @@ struct Checked {
         if (m.extension == 0) m.extension = 64;
     }
 
+    // An allocation, checked against the model's.
+    void take(int op) {
+        char *r = static_cast<char *>(QOR_SA_allocate(&sa));
+        const uint32_t index = m.take();
+        ASSERT_EQ(r, address_of(&sa, index)) << "op " << op;
+        live.push_back(index);
+    }
+
+    // A live record chosen by rng given back, through its address or,
+    // `inside`, a pointer anywhere inside it (which names it as well). The
+    // model hears of it after the release, which may run a hook.
+    void give_random(std::mt19937 &rng, bool inside = false) {
+        const size_t k = rng() % live.size();
+        const uint32_t index = live[k];
+        live[k] = live.back();
+        live.pop_back();
+        QOR_SA_release(&sa, address_of(&sa, index) + (inside ? rng() % size : 0));
+        m.give(index);
+    }
+
     // One operation: an allocation when `fill`, else one chosen by rng.
     void step(std::mt19937 &rng, int op, bool fill) {
         const unsigned kind = fill ? 0 : rng() % 100;
         if (kind < 55 || live.empty()) {
-            char *r = static_cast<char *>(QOR_SA_allocate(&sa));
-            const uint32_t index = m.take();
-            ASSERT_EQ(r, address_of(&sa, index)) << "op " << op;
-            live.push_back(index);
+            take(op);
         } else if (kind < 97) {
-            const size_t k = rng() % live.size();
-            const uint32_t index = live[k];
-            live[k] = live.back();
-            live.pop_back();
-            // Anywhere inside the record names it.
-            QOR_SA_release(&sa, address_of(&sa, index) + rng() % size);
-            m.give(index);
+            give_random(rng, true);
         } else if (kind < 99) {
             // Enumeration from a live record finds the next one in use.
             const uint32_t index = live[rng() % live.size()];
@@ -213,16 +224,9 @@ TEST(StaticIndex, ChurnGivesTheLowestFreeRecordEveryTime) {
             // take a record that was free before the last release.
             const unsigned gives = op % 7 == 0 ? 2 : op % 11 == 0 ? 0 : 1;
             for (unsigned g = 0; g < gives && !c.live.empty(); ++g) {
-                const size_t k = rng() % c.live.size();
-                QOR_SA_release(&c.sa, address_of(&c.sa, c.live[k]));
-                c.m.give(c.live[k]);
-                c.live[k] = c.live.back();
-                c.live.pop_back();
+                c.give_random(rng);
             }
-            void *r = QOR_SA_allocate(&c.sa);
-            const uint32_t index = c.m.take();
-            ASSERT_EQ(r, address_of(&c.sa, index)) << "op " << op;
-            c.live.push_back(index);
+            ASSERT_NO_FATAL_FAILURE(c.take(op));
             if (op % 4999 == 0) expect_same(&c.sa, c.m);
         }
         expect_same(&c.sa, c.m);
@@ -255,16 +259,9 @@ TEST(StaticIndex, ReleaseHookThatAllocatesFromTheSameAllocator) {
     for (int i = 0; i < 64 * 126; ++i) c.step(rng, 1, true);
     for (int round = 0; round < 300; ++round) {
         ASSERT_FALSE(c.live.empty());
-        const size_t k = rng() % c.live.size();
-        const uint32_t index = c.live[k];
-        c.live[k] = c.live.back();
-        c.live.pop_back();
-        QOR_SA_release(&c.sa, address_of(&c.sa, index));
-        c.m.give(index);
+        c.give_random(rng);
         ASSERT_NO_FATAL_FAILURE(expect_same(&c.sa, c.m)) << "round " << round;
-        void *r = QOR_SA_allocate(&c.sa);
-        EXPECT_EQ(r, address_of(&c.sa, c.m.take()));
-        if (HasFailure()) break;
+        ASSERT_NO_FATAL_FAILURE(c.take(round));
     }
     EXPECT_GT(c.sa.blocks_in_use, 128u);
     c.sa.release_hook = nullptr;
