@@ -317,13 +317,25 @@ Hashed hash_key(QOR_ASSOC_table *t, const void *key) {
     return {nullptr, {t->key_type->hash(t, key), 0, 0, true, 0}};
 }
 
-// The first entry in chain order that holds the key: what the chain walk
-// finds, through the index where the table has one.
-Entry *find_first(QOR_ASSOC_table *t, const void *key) {
-    if (AssocIndex *x = qor::containers::index_of(t)) {
+// What find_first does for a table other than the last one asked about.
+__attribute__((noinline)) Entry *find_first_searched(QOR_ASSOC_table *t,
+                                                     const void *key) {
+    if (AssocIndex *x = qor::containers::index_search(t)) {
         return qor::containers::index_find_key(x, key);
     }
     return lookup(t, t->key_type->hash(t, key), key);
+}
+
+// The first entry in chain order that holds the key: what the chain walk
+// finds, through the index where the table has one. The usual case (the
+// table asked about last, with an index) is a jump to the index's search,
+// with no frame of its own.
+inline Entry *find_first(QOR_ASSOC_table *t, const void *key) {
+    const qor::containers::LastIndexed &last = qor::containers::last_indexed;
+    if (t == last.table && last.index != nullptr) [[likely]] {
+        return qor::containers::index_find_key(last.index, key);
+    }
+    return find_first_searched(t, key);
 }
 
 // The same, for an insertion that follows when nothing is found: the index
@@ -709,19 +721,29 @@ void QOR_ASSOC_table_clear(QOR_ASSOC_table *table) {
     }
 }
 
-QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
-                                      const void *key) {
+namespace {
+
+__attribute__((noinline)) Entry *find_traced(QOR_ASSOC_table *table,
+                                             const void *key) {
     Entry *e = find_first(table, key);
-    if (table->trace) {
-        if (e != nullptr) {
-            trace_entry(table, "found ", e);
-        } else {
-            fprintf(stderr, "-- ASSOC table %s: failed to find ", table->name);
-            table->key_type->print_key(stderr, table, key);
-            fputc('\n', stderr);
-        }
+    if (e != nullptr) {
+        trace_entry(table, "found ", e);
+    } else {
+        fprintf(stderr, "-- ASSOC table %s: failed to find ", table->name);
+        table->key_type->print_key(stderr, table, key);
+        fputc('\n', stderr);
     }
     return e;
+}
+
+}  // namespace
+
+// The trace is asked about first, so that an untraced find ends in the
+// search itself and keeps no frame of its own.
+QOR_ASSOC_entry *QOR_ASSOC_table_find(QOR_ASSOC_table *table,
+                                      const void *key) {
+    if (table->trace) [[unlikely]] return find_traced(table, key);
+    return find_first(table, key);
 }
 
 QOR_ASSOC_entry *QOR_ASSOC_table_find_dup(QOR_ASSOC_table *table,

@@ -99,7 +99,11 @@ struct GroupTable {
     uint64_t mask = 0;
     uint64_t live = 0;
 
-    static uint64_t home(uint32_t tag) { return mix(tag >> 1); }
+    // A tag's hash bits come from the key's strong hash, already mixed:
+    // they serve as the home slot as they stand (a second mix would cost
+    // every search a dozen instructions and spread nothing further). The
+    // two flag bits above them count only in tables of 2^29 slots or more.
+    static uint64_t home(uint32_t tag) { return tag >> 1; }
 
     void release() {
         free(tags);
@@ -242,7 +246,7 @@ inline uint32_t tag_bits(bool strings, const IndexedKey &k) {
 
 // The strong hash of a string key, with its length kept for the chain hash
 // (a serial chain of 14 steps, worked out only when a new entry needs it).
-IndexedKey string_key(const char *text) {
+__attribute__((always_inline)) inline IndexedKey string_key(const char *text) {
     const size_t n = strlen(text);
     return {0, qor::bytes_hash(text, n), n, false, 0};
 }
@@ -265,13 +269,14 @@ inline uintptr_t key_word(const AssocIndex *x, const Entry *e, size_t length) {
 // Whether the group is the key's: from the kept key when it has one entry.
 // Its tag matched, so a packed key meets only packed keys. (The key is
 // packed here, not when it is prepared: most searches end at a tag.)
-inline bool group_holds(const AssocIndex *x, const GroupEnds &g,
-                        const void *key, const IndexedKey &k) {
+// `strings` is the index's kind, given by callers that know it.
+inline bool group_holds(const AssocIndex *x, bool strings, const GroupEnds &g,
+                        const void *key, size_t length) {
     if (g.several()) return holds(x, g.end(0), key);
-    if (packs(x->strings, k.length)) {
-        return g.word[1] == pack(static_cast<const char *>(key), k.length);
+    if (packs(strings, length)) {
+        return g.word[1] == pack(static_cast<const char *>(key), length);
     }
-    if (x->strings) {
+    if (strings) {
         return strcmp(reinterpret_cast<const char *>(g.word[1]),
                       static_cast<const char *>(key)) == 0;
     }
@@ -295,23 +300,103 @@ Slot *slot_of(Probe<Slot> &table, const Entry *e) {
     }
 }
 
-// The group of the key, or null; on a miss `*vacancy` (when given) is the
-// free slot that ended the search, plus one.
-GroupEnds *group_of(AssocIndex *x, const IndexedKey &k, const void *key,
-                    uint64_t *vacancy = nullptr) {
+// The group's side that is first in chain order now.
+inline unsigned front_side(const AssocIndex *x, const GroupEnds *g) {
+    return (x->growths ^ x->groups.parity(g)) & 1u;
+}
+
+// The group's first entry in chain order now; null for no group.
+inline Entry *front_entry(const AssocIndex *x, const GroupEnds *g) {
+    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
+}
+
+// The search of group_of from slot j on, when j has the key's tag and a
+// group that its kept word cannot tell: a key held by several entries, or
+// a text to compare whole. Out of line, and given only scalars, so that a
+// search reaches it by a jump: its string comparison needs a frame, which
+// a search ending at a tag or at a kept word does without.
+__attribute__((noinline)) GroupEnds *group_compared(AssocIndex *x,
+                                                    uint32_t want,
+                                                    size_t length,
+                                                    const void *key,
+                                                    uint64_t *vacancy,
+                                                    uint64_t j) {
+    const GroupTable &t = x->groups;
+    for (;; j = (j + 1) & t.mask) {
+        const uint32_t tag = t.tags[j];
+        if (tag == 0) {
+            if (vacancy != nullptr) *vacancy = j + 1;
+            return nullptr;
+        }
+        if ((tag >> 1) == want &&
+            group_holds(x, x->strings, t.ends[j], key, length)) {
+            return &t.ends[j];
+        }
+    }
+}
+
+// The same for a find, which wants the group's front entry.
+__attribute__((noinline)) Entry *front_compared(AssocIndex *x, uint32_t want,
+                                                size_t length,
+                                                const void *key, uint64_t j) {
+    return front_entry(x, group_compared(x, want, length, key, nullptr, j));
+}
+
+// What a search gives: the group, or with kFront its front entry.
+template <bool kFront>
+struct Searched {
+    using type = GroupEnds *;
+};
+template <>
+struct Searched<true> {
+    using type = Entry *;
+};
+
+// The search for the key's group in an index of the given kind (`strings`,
+// a constant where the caller knows it): the group or null, or with kFront
+// its front entry. On a miss `*vacancy` (when given) is the free slot that
+// ended the search, plus one.
+template <bool kFront>
+inline typename Searched<kFront>::type search(AssocIndex *x, bool strings,
+                                              const IndexedKey &k,
+                                              const void *key,
+                                              uint64_t *vacancy) {
     const GroupTable &t = x->groups;
     if (t.tags == nullptr) return nullptr;
-    const uint32_t want = tag_bits(x->strings, k);
+    const uint32_t want = tag_bits(strings, k);
+    const size_t length = k.length;
+    // Longs and short strings are told by the word their group keeps.
+    const bool by_word = !strings || packs(true, length);
     for (uint64_t j = GroupTable::home(want << 1) & t.mask;; j = (j + 1) & t.mask) {
         const uint32_t tag = t.tags[j];
         if (tag == 0) {
             if (vacancy != nullptr) *vacancy = j + 1;
             return nullptr;
         }
-        if ((tag >> 1) == want && group_holds(x, t.ends[j], key, k)) {
-            return &t.ends[j];
+        if ((tag >> 1) != want) continue;
+        GroupEnds *g = &t.ends[j];
+        if (!by_word || g->several()) {
+            if constexpr (kFront) {
+                return front_compared(x, want, length, key, j);
+            } else {
+                return group_compared(x, want, length, key, vacancy, j);
+            }
+        }
+        if (group_holds(x, strings, *g, key, length)) {
+            if constexpr (kFront) {
+                return front_entry(x, g);
+            } else {
+                return g;
+            }
         }
     }
+}
+
+// The group of the key, or null; on a miss `*vacancy` (when given) is the
+// free slot that ended the search, plus one.
+inline GroupEnds *group_of(AssocIndex *x, const IndexedKey &k,
+                           const void *key, uint64_t *vacancy = nullptr) {
+    return search<false>(x, x->strings, k, key, vacancy);
 }
 
 inline const void *key_of(const AssocIndex *x, const Entry *e) {
@@ -321,16 +406,6 @@ inline const void *key_of(const AssocIndex *x, const Entry *e) {
 
 GroupEnds *group_of_entry(AssocIndex *x, const Entry *e) {
     return group_of(x, key_of_entry(x, e), key_of(x, e));
-}
-
-// The group's side that is first in chain order now.
-inline unsigned front_side(const AssocIndex *x, const GroupEnds *g) {
-    return (x->growths ^ x->groups.parity(g)) & 1u;
-}
-
-// The group's first entry in chain order now; null for no group.
-inline Entry *front_entry(const AssocIndex *x, const GroupEnds *g) {
-    return g != nullptr ? g->end(front_side(x, g)) : nullptr;
 }
 
 DupNode *add_dup(AssocIndex *x, Entry *e) {
@@ -425,8 +500,28 @@ uint64_t index_chain_hash(IndexedKey &k, const void *key) {
     return k.hash;
 }
 
+namespace {
+
+// Finds, one per kind of index, out of line: a string key's length is
+// measured first (a call, and so a frame), which a find of a long, ending
+// at a tag or a kept word, does without.
+__attribute__((noinline)) Entry *find_string_key(AssocIndex *x,
+                                                 const void *key) {
+    return search<true>(x, true, string_key(static_cast<const char *>(key)),
+                        key, nullptr);
+}
+
+__attribute__((noinline)) Entry *find_long_key(AssocIndex *x,
+                                               const void *key) {
+    const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
+    return search<true>(x, false, {k, long_strong(k), 0, true, 0}, key,
+                        nullptr);
+}
+
+}  // namespace
+
 Entry *index_find_key(AssocIndex *x, const void *key) {
-    return front_entry(x, group_of(x, index_key(x, key), key));
+    return x->strings ? find_string_key(x, key) : find_long_key(x, key);
 }
 
 Entry *index_find_for_insert(AssocIndex *x, IndexedKey &k, const void *key) {
