@@ -611,52 +611,9 @@ __attribute__((noinline)) void add_block(QOR_SA_allocator *sa) {
 // The search ran past the records although the free count said one was
 // free: the allocator's state has been damaged. Out of line, so that the
 // search needs no stack frame.
-__attribute__((noinline, cold)) uint32_t free_count_wrong() {
+__attribute__((noinline, cold)) void *free_count_wrong() {
     QOR_ASSERT(false, kUnit, "QOR_SA_allocate found its free count wrong");
-    return kNoIndex;  // only when the application lets fatal errors return
-}
-
-// Takes the lowest free record and gives its index: the search starts at
-// the hint (no record below it is free) and skips whole words of records in
-// use.
-inline uint32_t take_record(QOR_SA_allocator *sa) {
-    const uint32_t hint = sa->first_free_hint;
-    uint64_t *const bitmaps = sa->bitmaps;
-    uint32_t word = hint / kBits;
-    // While a record is free the hint lies below the total of records; the
-    // bound only keeps a wrong hint from reading outside the bitmap.
-    uint64_t free_bits = 0;
-    if (word < sa->bitmaps_allocated) [[likely]] {
-        free_bits = bitmaps[word] & (kAllFree << (hint % kBits));
-    }
-    if (free_bits == 0) {
-        // The next word with a free record, from the summary. Blocks hold
-        // whole words, so the records end on a word boundary.
-        const uint32_t words = total_records(sa) / kBits;
-        if (wants_index(sa)) {
-            SideIndex *x = side_of(sa);
-            word = next_free_word(x, bitmaps, word + 1, words);
-            if (word == kNoIndex) [[unlikely]] return free_count_wrong();
-            free_bits = bitmaps[word];
-            // The word found becomes the hint's, which needs no mark: its
-            // mark goes now, rather than be found stale by a later search
-            // once the word is full. Should the hint drop below the word
-            // while it still has free records, the word is marked again.
-            summary_clear(x, word);
-        } else {
-            do {
-                if (++word >= words) [[unlikely]] return free_count_wrong();
-                free_bits = bitmaps[word];
-            } while (free_bits == 0);
-        }
-    }
-    const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
-    bitmaps[word] &= ~(uint64_t{1} << bit);
-
-    const uint32_t index = word * kBits + bit;
-    sa->free_entries -= 1;
-    sa->first_free_hint = index + 1;
-    return index;
+    return nullptr;  // only when the application lets fatal errors return
 }
 
 // Calls a hook on a record and gives the record back: out of line, so that
@@ -667,14 +624,61 @@ __attribute__((noinline)) void *with_hook(QOR_SA_hook hook, void *record,
     return record;
 }
 
-inline void *allocate_record(QOR_SA_allocator *sa) {
-    const uint32_t index = take_record(sa);
-    if (index == kNoIndex) [[unlikely]] return nullptr;
+// Takes the lowest free record, in `word` with `free_bits` its free records
+// at or above the hint, and gives the record (the allocate hook run on it).
+inline void *take_from(QOR_SA_allocator *sa, uint32_t word,
+                       uint64_t free_bits) {
+    const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(free_bits));
+    sa->bitmaps[word] &= ~(uint64_t{1} << bit);
+    const uint32_t index = word * kBits + bit;
+    sa->free_entries -= 1;
+    sa->first_free_hint = index + 1;
     void *record = record_at(sa, index);
     if (sa->allocate_hook != nullptr) {
         return with_hook(sa->allocate_hook, record, sa->structure_size);
     }
     return record;
+}
+
+// An allocation whose hint's word has no free record: the next word with
+// one comes from the summary, or word by word for an allocator without
+// one. Blocks hold whole words, so the records end on a word boundary. Out
+// of line, so that an allocation served from the hint's word needs no
+// frame.
+__attribute__((noinline)) void *take_after_search(QOR_SA_allocator *sa,
+                                                  uint32_t word) {
+    uint64_t *const bitmaps = sa->bitmaps;
+    const uint32_t words = total_records(sa) / kBits;
+    if (wants_index(sa)) {
+        SideIndex *x = side_of(sa);
+        word = next_free_word(x, bitmaps, word + 1, words);
+        if (word == kNoIndex) [[unlikely]] return free_count_wrong();
+        // The word found becomes the hint's, which needs no mark: its mark
+        // goes now, rather than be found stale by a later search once the
+        // word is full. Should the hint drop below the word while it still
+        // has free records, the word is marked again.
+        summary_clear(x, word);
+    } else {
+        do {
+            if (++word >= words) [[unlikely]] return free_count_wrong();
+        } while (bitmaps[word] == 0);
+    }
+    return take_from(sa, word, bitmaps[word]);
+}
+
+// Allocates the lowest free record: the search starts at the hint (no
+// record below it is free) and skips whole words of records in use.
+inline void *allocate_record(QOR_SA_allocator *sa) {
+    const uint32_t hint = sa->first_free_hint;
+    const uint32_t word = hint / kBits;
+    // While a record is free the hint lies below the total of records; the
+    // bound only keeps a wrong hint from reading outside the bitmap.
+    uint64_t free_bits = 0;
+    if (word < sa->bitmaps_allocated) [[likely]] {
+        free_bits = sa->bitmaps[word] & (kAllFree << (hint % kBits));
+    }
+    if (free_bits == 0) return take_after_search(sa, word);
+    return take_from(sa, word, free_bits);
 }
 
 // An allocation that first needs a block (and a static allocator's set-up).
