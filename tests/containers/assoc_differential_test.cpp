@@ -946,3 +946,46 @@ TEST(AssocDifferential, ClearingWithoutTheIndexListWalksTheChains) {
     large_clear(QOR_ASSOC_long_int_key_type, false, 20000, false,
                 Refuse::destroy_counts, true);
 }
+
+// Finds through tables asked about in turn: each answer comes from the
+// table asked, whatever table was asked last (one with an index of the same
+// kind, one of the other kind, a caller's key type without an index), and
+// after a table is destroyed and another made, perhaps at its address.
+TEST(AssocDifferential, TablesAskedAboutInTurnAnswerFromTheirOwn) {
+    const QOR_ASSOC_key_type custom = custom_string_type();
+    const QOR_ASSOC_key_type *types[4] = {
+        QOR_ASSOC_string_key_type, QOR_ASSOC_string_key_type, &custom,
+        QOR_ASSOC_long_int_key_type};
+    QOR_ASSOC_table *tables[4];
+    std::map<std::string, QOR_ASSOC_entry *> held[4];
+    for (int i = 0; i < 4; ++i) {
+        tables[i] = QOR_ASSOC_table_create(0, types[i], "turn", nullptr);
+    }
+    std::mt19937 rng(31);
+    char buf[48];
+    for (int op = 0; op < 20000; ++op) {
+        const int i = static_cast<int>(rng() % 4);
+        const long n = static_cast<long>(rng() % 600);
+        snprintf(buf, sizeof buf, "key-%03ld", n);
+        const bool longs = types[i] == QOR_ASSOC_long_int_key_type;
+        const void *key = longs ? reinterpret_cast<const void *>(n + 1)
+                                : static_cast<const void *>(buf);
+        if (rng() % 3 == 0) {
+            QOR_ASSOC_entry *e = QOR_ASSOC_table_insert(
+                tables[i], key, reinterpret_cast<void *>(static_cast<intptr_t>(i + 1)),
+                nullptr);
+            held[i].emplace(buf, e);
+        } else {
+            const auto it = held[i].find(buf);
+            ASSERT_EQ(QOR_ASSOC_table_find(tables[i], key),
+                      it == held[i].end() ? nullptr : it->second)
+                << "table " << i << ", operation " << op;
+        }
+        if (op % 5000 == 4999) {  // table 1 made anew
+            QOR_ASSOC_table_destroy(tables[1]);
+            held[1].clear();
+            tables[1] = QOR_ASSOC_table_create(0, types[1], "turn", nullptr);
+        }
+    }
+    for (QOR_ASSOC_table *t : tables) QOR_ASSOC_table_destroy(t);
+}
