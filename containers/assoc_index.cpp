@@ -251,6 +251,16 @@ __attribute__((always_inline)) inline IndexedKey string_key(const char *text) {
     return {0, qor::bytes_hash(text, n), n, false, 0};
 }
 
+// A long key prepared the same way: its chain hash is the key itself.
+inline IndexedKey long_key(uint64_t key) {
+    return {key, long_strong(key), 0, true, 0};
+}
+
+// A long key as the table is given it, in a pointer.
+inline IndexedKey long_key(const void *key) {
+    return long_key(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key)));
+}
+
 inline bool holds(const AssocIndex *x, const Entry *e, const void *key) {
     if (x->strings) {
         return strcmp(key_text(e), static_cast<const char *>(key)) == 0;
@@ -286,7 +296,7 @@ inline bool group_holds(const AssocIndex *x, bool strings, const GroupEnds &g,
 // An entry's key, prepared as a search prepares it.
 inline IndexedKey key_of_entry(const AssocIndex *x, const Entry *e) {
     if (x->strings) return string_key(key_text(e));
-    return {e->hash, long_strong(e->hash), 0, true, 0};
+    return long_key(e->hash);
 }
 
 template <class Slot>
@@ -488,8 +498,7 @@ void index_destroy(QOR_ASSOC_table *t) {
 
 IndexedKey index_key(const AssocIndex *x, const void *key) {
     if (x->strings) return string_key(static_cast<const char *>(key));
-    const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
-    return {k, long_strong(k), 0, true, 0};
+    return long_key(key);
 }
 
 uint64_t index_chain_hash(IndexedKey &k, const void *key) {
@@ -513,9 +522,7 @@ __attribute__((noinline)) Entry *find_string_key(AssocIndex *x,
 
 __attribute__((noinline)) Entry *find_long_key(AssocIndex *x,
                                                const void *key) {
-    const uint64_t k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
-    return search<true>(x, false, {k, long_strong(k), 0, true, 0}, key,
-                        nullptr);
+    return search<true>(x, false, long_key(key), key, nullptr);
 }
 
 }  // namespace
