@@ -131,10 +131,10 @@ constexpr uint32_t kNoIndex = UINT32_MAX;
 //    least as large as an extension block's span, so a block touches at most
 //    two granules and a granule meets at most three blocks (block 0, whose
 //    span may differ, is tested first on its own). One slot per granule
-//    lists its blocks, homed at the granule's number itself: blocks come
-//    from the heap mostly side by side, their granules are consecutive
-//    numbers, and consecutive numbers take consecutive slots, so a lookup
-//    finds its granule at the first slot it reads;
+//    lists its blocks and their addresses, homed at the granule's number
+//    itself: blocks come from the heap mostly side by side, their granules
+//    are consecutive numbers, and consecutive numbers take consecutive
+//    slots, so a lookup finds its granule at the first slot it reads;
 //  - a summary of the bitmap in two levels: bit w of level 1 is set when
 //    bitmap word w may have a free record (every word above the hint's that
 //    has one is marked; a mark left on a word that filled up is cleared by
@@ -169,6 +169,10 @@ inline uint64_t granule_home(uint64_t key) { return key ^ (key >> 24); }
 struct Granule {
     uint64_t key;  // granule number + 1; 0: empty
     uint32_t block[kBlocksPerGranule];  // the blocks that meet it; kNoIndex after
+    // Their addresses, kept here so that a lookup need not read them from
+    // the block array as well: one load less in a chain of dependent ones,
+    // each of which may miss the cache.
+    uintptr_t base[kBlocksPerGranule];
     bool empty() const { return key == 0; }
     uint64_t home() const { return granule_home(key); }
 };
@@ -246,6 +250,7 @@ void granules_add(SideIndex *x, uint32_t block, uintptr_t base, uint64_t span) {
         unsigned i = 0;
         while (i + 1 < kBlocksPerGranule && slot->block[i] != kNoIndex) ++i;
         slot->block[i] = block;
+        slot->base[i] = base;
     }
 }
 
@@ -448,9 +453,10 @@ inline uint32_t search_blocks(const QOR_SA_allocator *sa, uintptr_t address) {
         // often, so both are tested and one chosen without a branch on
         // which (a branch would be mispredicted half the time).
         const uint32_t b0 = g->block[0];
-        const uint32_t b1 = g->block[1] != kNoIndex ? g->block[1] : b0;
-        const uintptr_t start0 = reinterpret_cast<uintptr_t>(array[b0]);
-        const uintptr_t start1 = reinterpret_cast<uintptr_t>(array[b1]);
+        const bool two = g->block[1] != kNoIndex;
+        const uint32_t b1 = two ? g->block[1] : b0;
+        const uintptr_t start0 = g->base[0];
+        const uintptr_t start1 = two ? g->base[1] : start0;
         // All ones when the second block holds it (masks, since a compiler
         // may turn a plain choice back into a branch).
         const uint64_t second = uint64_t{0} - uint64_t{address - start1 < span};
@@ -459,7 +465,7 @@ inline uint32_t search_blocks(const QOR_SA_allocator *sa, uintptr_t address) {
         if (address - base >= span) {
             block = g->block[2];
             if (block == kNoIndex) return kNoIndex;
-            base = reinterpret_cast<uintptr_t>(array[block]);
+            base = g->base[2];
             if (address - base >= span) return kNoIndex;
         }
     }
